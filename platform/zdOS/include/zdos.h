@@ -109,7 +109,7 @@ int32 os_sleep(int32 nMs);
 int32 os_network_ip2int(const char* szIP, uint32* pnIP);
 
 /* Converts UTF-8 text into the encoding of the current locale with iconv (a
- * plain copy when that is UTF-8). The result and its terminator must fit
+ * plain copy when that is UTF-8, or the C locale, where names are bytes). The result and its terminator must fit
  * nOutSize bytes, else OS_EBUF_SMALL and nothing past the buffer is written;
  * unconvertible text gives EILSEQ. */
 int32 os_lang_conv_utf8_to_sys(const char* szUtf8, char* szOut, int32 nOutSize);
