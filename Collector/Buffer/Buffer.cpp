@@ -1,0 +1,145 @@
+#include "Buffer.h"
+
+#include <limits.h>
+#include <mxml.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "config_manager.h"
+#include "zd_errcode.h"
+
+namespace {
+
+constexpr int32 kConfigPathSize = 280;    // buffer for a configuration file's path
+constexpr int32 kConvBufferSize = 512;    // converted Path / Prefix
+constexpr size_t kMaxRawPathBytes = 512;  // Path / Prefix as written, UTF-8
+constexpr size_t kMaxConvertedBytes = 254;
+constexpr int32 kDefaultMemSizeMb = 64;
+constexpr int32 kMaxCacheFileSizeMb = 1048576;
+
+// atoi's reading (leading blanks, sign, digits up to the first other
+// character; no digits reads 0), saturating instead of overflowing.
+int32 ReadInt(const char* sz) {
+  long long n = strtoll(sz, nullptr, 10);
+  if (n > INT_MAX) return INT_MAX;
+  if (n < INT_MIN) return INT_MIN;
+  return static_cast<int32>(n);
+}
+
+// A required positive integer attribute of pNode.
+int32 ReadPositive(mxml_node_t* pNode, const char* szAttr, int32* pnOut) {
+  const char* sz = mxmlElementGetAttr(pNode, szAttr);
+  if (sz == nullptr) return EC_CFG_ATTR_MISSING;
+  *pnOut = ReadInt(sz);
+  return *pnOut > 0 ? 0 : EC_CFG_RANGE;
+}
+
+// Converts a Path or Prefix attribute into the system's encoding.
+int32 ReadConverted(const char* szRaw, char* szConv, size_t* pnConvLen) {
+  if (strlen(szRaw) > kMaxRawPathBytes) return EC_CFG_TOO_LONG;
+  int32 nRet = os_lang_conv_utf8_to_sys(szRaw, szConv, kConvBufferSize);
+  if (nRet != 0) return nRet;
+  *pnConvLen = strlen(szConv);
+  return 0;
+}
+
+}  // namespace
+
+CBuffer::CBuffer()
+    : m_nCacheFileSize(0),
+      m_nSendPerid(0),
+      m_nSendTimeout(0),
+      m_nConnectTimeout(3),
+      m_szCacheFilePath(),
+      m_szCacheFilePrefix(),
+      m_szVersion(),
+      m_szProcName(),
+      m_nMemSizeMB(0),
+      m_szCacheFileName(),
+      m_cat(nullptr),
+      m_hSema(-1),
+      m_bSemaAquired(false) {}
+
+int32 CBuffer::LoadConfig() {
+  char szPath[kConfigPathSize];
+  int32 nRet = config_build_file_all_path_by_relative_path(szPath, kConfigPathSize, "ZD3Buffer.xml");
+  if (nRet != 0) {
+    printf("Get config file path failed, error code is %d\n", nRet);
+    return nRet;
+  }
+  printf("config file path is %s\n", szPath);
+
+  FILE* fp = fopen(szPath, "r");
+  if (fp == nullptr) return EC_CFG_OPEN;
+  mxml_node_t* pTree = mxmlLoadFile(nullptr, fp, MXML_OPAQUE_CALLBACK);
+  fclose(fp);
+  if (pTree == nullptr) return EC_CFG_NOT_XML;
+
+  // Each step runs only while the previous ones succeeded; the tree is freed
+  // once, at the end, on every path.
+  mxml_node_t* pBuffer = mxmlFindElement(pTree, pTree, "Buffer", nullptr, nullptr, MXML_DESCEND);
+  mxml_node_t* pCacheFile = nullptr;
+  mxml_node_t* pSend = nullptr;
+  if (pBuffer == nullptr) nRet = EC_CFG_MISSING;
+
+  if (nRet == 0) {
+    const char* szVersion = mxmlElementGetAttr(pBuffer, "version");
+    if (szVersion == nullptr)
+      nRet = EC_CFG_MISSING;
+    else if (strlen(szVersion) >= sizeof(m_szVersion))
+      nRet = EC_CFG_TOO_LONG;
+    else
+      strcpy(m_szVersion, szVersion);
+  }
+  if (nRet == 0) {
+    const char* szName = mxmlElementGetAttr(pBuffer, "name");
+    if (szName == nullptr)
+      nRet = EC_CFG_MISSING;
+    else if (strlen(szName) >= sizeof(m_szProcName))
+      nRet = EC_CFG_TOO_LONG;
+    else
+      strcpy(m_szProcName, szName);
+  }
+  if (nRet == 0) {
+    const char* szMemSize = mxmlElementGetAttr(pBuffer, "memsizemb");
+    m_nMemSizeMB = szMemSize != nullptr ? ReadInt(szMemSize) : kDefaultMemSizeMb;
+    pCacheFile = mxmlFindElement(pBuffer, pBuffer, "CacheFile", nullptr, nullptr, MXML_DESCEND);
+    pSend = mxmlFindElement(pBuffer, pBuffer, "Send", nullptr, nullptr, MXML_DESCEND);
+    if (pCacheFile == nullptr || pSend == nullptr) nRet = EC_CFG_MISSING;
+  }
+
+  char szConv[kConvBufferSize];
+  size_t nConvLen = 0;
+  if (nRet == 0) {
+    const char* szCachePath = mxmlElementGetAttr(pCacheFile, "Path");
+    nRet = szCachePath == nullptr ? EC_CFG_MISSING : ReadConverted(szCachePath, szConv, &nConvLen);
+    if (nRet == 0 && (nConvLen == 0 || nConvLen > kMaxConvertedBytes)) nRet = EC_CFG_RANGE;
+    if (nRet == 0) {
+      memcpy(m_szCacheFilePath, szConv, nConvLen + 1);
+      char cLast = m_szCacheFilePath[nConvLen - 1];
+      if (cLast != '/' && cLast != '\\') strcat(m_szCacheFilePath, "/");
+    }
+  }
+  if (nRet == 0) {
+    const char* szPrefix = mxmlElementGetAttr(pCacheFile, "Prefix");
+    nRet = szPrefix == nullptr ? EC_CFG_ATTR_MISSING : ReadConverted(szPrefix, szConv, &nConvLen);
+    if (nRet == 0 && nConvLen > kMaxConvertedBytes) nRet = EC_CFG_RANGE;
+    if (nRet == 0) memcpy(m_szCacheFilePrefix, szConv, nConvLen + 1);
+  }
+  if (nRet == 0) {
+    const char* szSize = mxmlElementGetAttr(pCacheFile, "SizeMb");
+    if (szSize == nullptr) {
+      nRet = EC_CFG_ATTR_MISSING;
+    } else {
+      m_nCacheFileSize = ReadInt(szSize);
+      if (m_nCacheFileSize < 1 || m_nCacheFileSize > kMaxCacheFileSizeMb) nRet = EC_CFG_RANGE;
+    }
+  }
+  if (nRet == 0) nRet = ReadPositive(pSend, "PeriodMs", &m_nSendPerid);
+  if (nRet == 0) nRet = ReadPositive(pSend, "ConnTimeOutSec", &m_nConnectTimeout);
+  if (nRet == 0) nRet = ReadPositive(pSend, "SendTimeOutSec", &m_nSendTimeout);
+
+  mxmlDelete(pTree);
+  return nRet;
+}
