@@ -12,6 +12,20 @@ inline int32 ParseFixBounded(const char* pValue, int32 nLeft, T* pField) {
   return EC_OK;
 }
 
+// Copies the string/blob bytes. Kept out of line and opaque to
+// interprocedural analysis on purpose: where GCC sees the 1,000-byte bound it
+// inlines the copy as `rep movsq`, whose start-up cost made a 16-byte string
+// take ~30 ns instead of ~4 ns; with the length unknown it calls the
+// library's memcpy, which is fast for every length.
+#if defined(__GNUC__) && !defined(__clang__)
+[[gnu::noipa]]
+#else
+[[gnu::noinline]]
+#endif
+void UnpackStrBlob(const char* pSrc, char* pDst, int32 nLen) {
+  unpack_value(pSrc, pDst, nLen, true);
+}
+
 }  // namespace
 
 int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuffer,
@@ -49,6 +63,6 @@ int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuf
   if (nLenBuf > BUFFER_STRBLOB_MAX_LEN) return EC_REC_BAD_LEN;
   if (nLeft - BUFFER_STRBLOB_LEN_LEN < nLenBuf) return EC_MSG_TOO_SHORT;
   if (value.strBlob.pBuf == nullptr) return EC_NULL_POINTER;
-  unpack_value(pValue + BUFFER_STRBLOB_LEN_LEN, value.strBlob.pBuf, nLenBuf, true);
+  UnpackStrBlob(pValue + BUFFER_STRBLOB_LEN_LEN, value.strBlob.pBuf, nLenBuf);
   return EC_OK;
 }
