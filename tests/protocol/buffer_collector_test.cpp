@@ -19,10 +19,12 @@ using proto_test::ExactCopy;
 using proto_test::Hex;
 using proto_test::ToBytes;
 
-const Bytes kInt32Batch = Hex({0x01, 0x00, 0x07, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0xf1, 0x53, 0x65,
-                               0xfa, 0x00, 0xc0, 0x00, 0x02, 0x00, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00});
-const Bytes kStringBatch = Hex({0x01, 0x00, 0x09, 0x00, 0x00, 0x00, 0x11, 0x00, 0x00, 0xf1, 0x53, 0x65, 0x00,
-                                0x00, 0xc0, 0x00, 0x06, 0x00, 0x00, 0x00, 0x03, 0x00, 0x61, 0x62, 0x63});
+const Bytes kInt32Batch =
+    Hex({0x01, 0x00, 0x07, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0xf1, 0x53, 0x65,
+         0xfa, 0x00, 0xc0, 0x00, 0x02, 0x00, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00});
+const Bytes kStringBatch =
+    Hex({0x01, 0x00, 0x09, 0x00, 0x00, 0x00, 0x11, 0x00, 0x00, 0xf1, 0x53, 0x65, 0x00,
+         0x00, 0xc0, 0x00, 0x06, 0x00, 0x00, 0x00, 0x03, 0x00, 0x61, 0x62, 0x63});
 
 uint64_t GetLe(const char* p, int nLen) {
   uint64_t v = 0;
@@ -48,14 +50,24 @@ Source MakeSource(uint32 nTagId, ZD3_TAG_TYPE nType, std::mt19937* pRng, int32 n
   s.record.nTagType = nType;
   ZD3Value& v = s.record.value;
   switch (nType) {
-    case ZD3_TAG_TYPE_INT8: v.nInt8 = static_cast<int8>(bits(*pRng)); break;
-    case ZD3_TAG_TYPE_INT16: v.nInt16 = static_cast<int16>(bits(*pRng)); break;
-    case ZD3_TAG_TYPE_INT32: v.nInt32 = static_cast<int32>(bits(*pRng)); break;
-    case ZD3_TAG_TYPE_FLOAT32: v.fFloat32 = std::bit_cast<float32>(bits(*pRng)); break;
+    case ZD3_TAG_TYPE_INT8:
+      v.nInt8 = static_cast<int8>(bits(*pRng));
+      break;
+    case ZD3_TAG_TYPE_INT16:
+      v.nInt16 = static_cast<int16>(bits(*pRng));
+      break;
+    case ZD3_TAG_TYPE_INT32:
+      v.nInt32 = static_cast<int32>(bits(*pRng));
+      break;
+    case ZD3_TAG_TYPE_FLOAT32:
+      v.fFloat32 = std::bit_cast<float32>(bits(*pRng));
+      break;
     case ZD3_TAG_TYPE_FLOAT64:
       v.fFloat64 = std::bit_cast<float64>((uint64)bits(*pRng) << 32 | bits(*pRng));
       break;
-    case ZD3_TAG_TYPE_DIGITAL: v.nDigital = static_cast<int8>(bits(*pRng) & 1); break;
+    case ZD3_TAG_TYPE_DIGITAL:
+      v.nDigital = static_cast<int8>(bits(*pRng) & 1);
+      break;
     default: {
       const int32 n = nStrLen >= 0 ? nStrLen : static_cast<int32>(bits(*pRng) % 1001);
       for (int32 i = 0; i < n; ++i) {
@@ -136,16 +148,26 @@ void ExpectBatchHolds(const char* pBatch, int32 nLen, const std::vector<Source>&
     EXPECT_EQ(want.nQuality, got.nQuality);
     ASSERT_EQ(want.nTagType, got.nTagType);
     switch (want.nTagType) {
-      case ZD3_TAG_TYPE_INT8: EXPECT_EQ(want.value.nInt8, got.value.nInt8); break;
-      case ZD3_TAG_TYPE_INT16: EXPECT_EQ(want.value.nInt16, got.value.nInt16); break;
-      case ZD3_TAG_TYPE_INT32: EXPECT_EQ(want.value.nInt32, got.value.nInt32); break;
+      case ZD3_TAG_TYPE_INT8:
+        EXPECT_EQ(want.value.nInt8, got.value.nInt8);
+        break;
+      case ZD3_TAG_TYPE_INT16:
+        EXPECT_EQ(want.value.nInt16, got.value.nInt16);
+        break;
+      case ZD3_TAG_TYPE_INT32:
+        EXPECT_EQ(want.value.nInt32, got.value.nInt32);
+        break;
       case ZD3_TAG_TYPE_FLOAT32:
-        EXPECT_EQ(std::bit_cast<uint32>(want.value.fFloat32), std::bit_cast<uint32>(got.value.fFloat32));
+        EXPECT_EQ(std::bit_cast<uint32>(want.value.fFloat32),
+                  std::bit_cast<uint32>(got.value.fFloat32));
         break;
       case ZD3_TAG_TYPE_FLOAT64:
-        EXPECT_EQ(std::bit_cast<uint64>(want.value.fFloat64), std::bit_cast<uint64>(got.value.fFloat64));
+        EXPECT_EQ(std::bit_cast<uint64>(want.value.fFloat64),
+                  std::bit_cast<uint64>(got.value.fFloat64));
         break;
-      case ZD3_TAG_TYPE_DIGITAL: EXPECT_EQ(want.value.nDigital, got.value.nDigital); break;
+      case ZD3_TAG_TYPE_DIGITAL:
+        EXPECT_EQ(want.value.nDigital, got.value.nDigital);
+        break;
       default:
         // The body holds exactly the value: no terminator, no slack.
         EXPECT_EQ(static_cast<int32>(14 + s.data.size()), nBodyLen);
@@ -389,8 +411,10 @@ TEST(CollectorControlTest, InitMessageDecodesOnTheServiceSide) {
 
   ASSERT_EQ(0, zdc_build_init_msg("1.2.3.4", 1, nullptr, 0, 2, msg, 42, nullptr));
   EXPECT_EQ(Bytes(16, 0), ToBytes(msg + 20, 16)) << "no backup: empty";
-  EXPECT_EQ(ZDC_E_TEXT_TOO_LONG, zdc_build_init_msg("1234567890123456", 1, "", 0, 2, msg, 42, &nLen));
-  EXPECT_EQ(ZDC_E_TEXT_TOO_LONG, zdc_build_init_msg("", 1, "1234567890123456", 0, 2, msg, 42, &nLen));
+  EXPECT_EQ(ZDC_E_TEXT_TOO_LONG,
+            zdc_build_init_msg("1234567890123456", 1, "", 0, 2, msg, 42, &nLen));
+  EXPECT_EQ(ZDC_E_TEXT_TOO_LONG,
+            zdc_build_init_msg("", 1, "1234567890123456", 0, 2, msg, 42, &nLen));
   EXPECT_EQ(EC_NO_MEMORY, zdc_build_init_msg("1.2.3.4", 1, "", 0, 2, msg, 41, &nLen));
   EXPECT_EQ(EC_NULL_POINTER, zdc_build_init_msg(nullptr, 1, "", 0, 2, msg, 42, &nLen));
 }
@@ -400,7 +424,8 @@ TEST(CollectorControlTest, LoginMessageCarriesCredentialsAfterTheHead) {
   int32 nLen = 0;
   const std::string user(63, 'u');
   const std::string passwd(127, 'p');
-  ASSERT_EQ(0, zdc_build_login_msg(user.c_str(), passwd.c_str(), msg.data(), BUFFER_LOGIN_MSG_LEN, &nLen));
+  ASSERT_EQ(0, zdc_build_login_msg(user.c_str(), passwd.c_str(), msg.data(), BUFFER_LOGIN_MSG_LEN,
+                                   &nLen));
   ASSERT_EQ(BUFFER_LOGIN_MSG_LEN, nLen);
   uint16 nCommand = 0;
   std::memcpy(&nCommand, msg.data(), 2);

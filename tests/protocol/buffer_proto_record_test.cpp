@@ -62,28 +62,28 @@ class DecodeTarget {
 struct TypeCase {
   std::string name;
   ZD3_TAG_TYPE nTagType;
-  Bytes value;                                        // value bytes on the wire
-  std::function<void(ZD3Record*)> apply;              // what the decoder must change
+  Bytes value;                            // value bytes on the wire
+  std::function<void(ZD3Record*)> apply;  // what the decoder must change
 };
 
 std::vector<TypeCase> EveryTypeCases() {
   std::vector<TypeCase> cases;
-  cases.push_back({"int8", ZD3_TAG_TYPE_INT8, Hex({0x80}),
-                   [](ZD3Record* r) { r->value.nInt8 = -128; }});
-  cases.push_back({"int16", ZD3_TAG_TYPE_INT16, Hex({0xFE, 0xFF}),
-                   [](ZD3Record* r) { r->value.nInt16 = -2; }});
+  cases.push_back(
+      {"int8", ZD3_TAG_TYPE_INT8, Hex({0x80}), [](ZD3Record* r) { r->value.nInt8 = -128; }});
+  cases.push_back(
+      {"int16", ZD3_TAG_TYPE_INT16, Hex({0xFE, 0xFF}), [](ZD3Record* r) { r->value.nInt16 = -2; }});
   cases.push_back({"int32", ZD3_TAG_TYPE_INT32, Hex({0x78, 0x56, 0x34, 0x12}),
                    [](ZD3Record* r) { r->value.nInt32 = 0x12345678; }});
   Bytes f32;
   PutLe(&f32, std::bit_cast<uint32>(1.5f), 4);
-  cases.push_back({"float32", ZD3_TAG_TYPE_FLOAT32, f32,
-                   [](ZD3Record* r) { r->value.fFloat32 = 1.5f; }});
+  cases.push_back(
+      {"float32", ZD3_TAG_TYPE_FLOAT32, f32, [](ZD3Record* r) { r->value.fFloat32 = 1.5f; }});
   Bytes f64;
   PutLe(&f64, std::bit_cast<uint64>(-0.1), 8);
-  cases.push_back({"float64", ZD3_TAG_TYPE_FLOAT64, f64,
-                   [](ZD3Record* r) { r->value.fFloat64 = -0.1; }});
-  cases.push_back({"digital", ZD3_TAG_TYPE_DIGITAL, Hex({0x01}),
-                   [](ZD3Record* r) { r->value.nDigital = 1; }});
+  cases.push_back(
+      {"float64", ZD3_TAG_TYPE_FLOAT64, f64, [](ZD3Record* r) { r->value.fFloat64 = -0.1; }});
+  cases.push_back(
+      {"digital", ZD3_TAG_TYPE_DIGITAL, Hex({0x01}), [](ZD3Record* r) { r->value.nDigital = 1; }});
   for (ZD3_TAG_TYPE nType : {ZD3_TAG_TYPE_STRING, ZD3_TAG_TYPE_BLOB}) {
     for (size_t n : {size_t{0}, size_t{1}, size_t{5}, size_t{1000}}) {
       Bytes data;
@@ -184,8 +184,9 @@ TEST(BufferProtoRecordTest, NullPointersAreRefused) {
 
 // The two batches given as wire examples, walked entry by entry.
 TEST(BufferProtoRecordTest, KnownBatchesDecode) {
-  const Bytes int32Batch = Hex({0x01, 0x00, 0x07, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0xf1, 0x53, 0x65,
-                                0xfa, 0x00, 0xc0, 0x00, 0x02, 0x00, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00});
+  const Bytes int32Batch =
+      Hex({0x01, 0x00, 0x07, 0x00, 0x00, 0x00, 0x10, 0x00, 0x00, 0xf1, 0x53, 0x65,
+           0xfa, 0x00, 0xc0, 0x00, 0x02, 0x00, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00});
   ASSERT_EQ(24u, int32Batch.size());
   ASSERT_EQ(Hex({0x01, 0x00}), Bytes(int32Batch.begin(), int32Batch.begin() + 2));
   ASSERT_EQ(Hex({0x07, 0, 0, 0, 0x10, 0}), Bytes(int32Batch.begin() + 2, int32Batch.begin() + 8));
@@ -197,8 +198,9 @@ TEST(BufferProtoRecordTest, KnownBatchesDecode) {
   EXPECT_EQ(ZD3_TAG_TYPE_INT32, target.Record()->nTagType);
   EXPECT_EQ(100, target.Record()->value.nInt32);
 
-  const Bytes strBatch = Hex({0x01, 0x00, 0x09, 0x00, 0x00, 0x00, 0x11, 0x00, 0x00, 0xf1, 0x53, 0x65, 0x00,
-                              0x00, 0xc0, 0x00, 0x06, 0x00, 0x00, 0x00, 0x03, 0x00, 0x61, 0x62, 0x63});
+  const Bytes strBatch =
+      Hex({0x01, 0x00, 0x09, 0x00, 0x00, 0x00, 0x11, 0x00, 0x00, 0xf1, 0x53, 0x65, 0x00,
+           0x00, 0xc0, 0x00, 0x06, 0x00, 0x00, 0x00, 0x03, 0x00, 0x61, 0x62, 0x63});
   ASSERT_EQ(25u, strBatch.size());
   DecodeTarget strTarget;
   ASSERT_EQ(0, strTarget.Decode(Bytes(strBatch.begin() + 8, strBatch.end()), 17));

@@ -80,12 +80,12 @@ int32 zdc_batch_reset(ZdcBatch* pBatch);
 
 /* Appends one record with tag id nTagId, time stamp nSec.nMsec and quality
  * nQuality, of the type the name says. */
-int32 zdc_batch_add_int8(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                         uint16 nQuality, int8 nValue);
-int32 zdc_batch_add_int16(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                          uint16 nQuality, int16 nValue);
-int32 zdc_batch_add_int32(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                          uint16 nQuality, int32 nValue);
+int32 zdc_batch_add_int8(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                         int8 nValue);
+int32 zdc_batch_add_int16(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                          int16 nValue);
+int32 zdc_batch_add_int32(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                          int32 nValue);
 int32 zdc_batch_add_float32(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
                             uint16 nQuality, float32 fValue);
 int32 zdc_batch_add_float64(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
@@ -97,8 +97,8 @@ int32 zdc_batch_add_digital(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 n
 int32 zdc_batch_add_string(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
                            uint16 nQuality, const char* szText);
 /* nLen bytes (0 to 1,000) at pData; pData may be null when nLen is 0. */
-int32 zdc_batch_add_blob(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                         uint16 nQuality, const void* pData, int32 nLen);
+int32 zdc_batch_add_blob(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                         const void* pData, int32 nLen);
 /* Appends pRecord as it stands, any type: the member of value selected by
  * nTagType; for types 6 and 7, value.strBlob.nLenBuf bytes of
  * value.strBlob.pBuf (no terminator is implied). */
@@ -117,16 +117,15 @@ int32 zdc_build_init_msg(const char* szIP, uint16 nPort, const char* szBakIP, ui
 /* Writes the 230-byte login message into pBuf (nBufLen >= 230): the head with
  * only its command set, then user name and password, zero-padded.
  * *pnMsgLen (may be null) receives 230. */
-int32 zdc_build_login_msg(const char* szUserName, const char* szPasswd, char* pBuf,
-                          int32 nBufLen, int32* pnMsgLen);
+int32 zdc_build_login_msg(const char* szUserName, const char* szPasswd, char* pBuf, int32 nBufLen,
+                          int32* pnMsgLen);
 /* Reads an init reply of nLen bytes: *pnRetCode receives the service's
  * return code; when it is 0, *pnDataQueueID receives the data queue (else -1).
  * EC_MSG_TOO_SHORT for fewer than 4 bytes, or fewer than 8 with code 0. */
-int32 zdc_parse_init_reply(const char* pReply, int32 nLen, int32* pnRetCode,
-                           int32* pnDataQueueID);
+int32 zdc_parse_init_reply(const char* pReply, int32 nLen, int32* pnRetCode, int32* pnDataQueueID);
 
 #ifdef __cplusplus
-}  /* extern "C" */
+} /* extern "C" */
 #endif
 
 #endif /* ZDHEADERS_INCLUDE_PROTOCOL_BUFFER_COLLECTOR_H_ */

@@ -35,27 +35,36 @@ extern "C" {
 #endif
 
 enum {
-  BUFFER_BATCH_HEAD_LEN = 2,        /* the count */
-  BUFFER_ENTRY_HEAD_LEN = 6,        /* tag id + body length */
-  BUFFER_RECORD_HEAD_LEN = 12,      /* nSec, nMsec, nQuality, nTagType */
-  BUFFER_STRBLOB_LEN_LEN = 2,       /* the uint16 length before string/blob bytes */
+  BUFFER_BATCH_HEAD_LEN = 2,                    /* the count */
+  BUFFER_ENTRY_HEAD_LEN = 6,                    /* tag id + body length */
+  BUFFER_RECORD_HEAD_LEN = 12,                  /* nSec, nMsec, nQuality, nTagType */
+  BUFFER_STRBLOB_LEN_LEN = 2,                   /* the uint16 length before string/blob bytes */
   BUFFER_STRBLOB_MAX_LEN = ZD3_MAX_STRBLOB_LEN, /* 1,000 */
-  BUFFER_BATCH_MAX_LEN = 1048576    /* 1 MiB: the service's receive and send buffers */
+  BUFFER_BATCH_MAX_LEN = 1048576                /* 1 MiB: the service's receive and send buffers */
 };
 
 /* Bytes of the value of a type, before any string/blob bytes (for types 6 and
  * 7 the 2-byte length); -1 for a type outside 0..7. */
 static inline int32 buffer_proto_value_head_len(uint32 nTagType) {
   switch (nTagType) {
-    case ZD3_TAG_TYPE_INT8: return 1;
-    case ZD3_TAG_TYPE_INT16: return 2;
-    case ZD3_TAG_TYPE_INT32: return 4;
-    case ZD3_TAG_TYPE_FLOAT32: return 4;
-    case ZD3_TAG_TYPE_FLOAT64: return 8;
-    case ZD3_TAG_TYPE_DIGITAL: return 1;
-    case ZD3_TAG_TYPE_STRING: return BUFFER_STRBLOB_LEN_LEN;
-    case ZD3_TAG_TYPE_BLOB: return BUFFER_STRBLOB_LEN_LEN;
-    default: return -1;
+    case ZD3_TAG_TYPE_INT8:
+      return 1;
+    case ZD3_TAG_TYPE_INT16:
+      return 2;
+    case ZD3_TAG_TYPE_INT32:
+      return 4;
+    case ZD3_TAG_TYPE_FLOAT32:
+      return 4;
+    case ZD3_TAG_TYPE_FLOAT64:
+      return 8;
+    case ZD3_TAG_TYPE_DIGITAL:
+      return 1;
+    case ZD3_TAG_TYPE_STRING:
+      return BUFFER_STRBLOB_LEN_LEN;
+    case ZD3_TAG_TYPE_BLOB:
+      return BUFFER_STRBLOB_LEN_LEN;
+    default:
+      return -1;
   }
 }
 
@@ -78,11 +87,10 @@ static inline int32 buffer_proto_value_head_len(uint32 nTagType) {
  *                    record is then left unchanged)
  *   EC_REC_BAD_LEN   string/blob length greater than 1,000
  * After a fault the record's contents are unspecified. */
-int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuffer,
-                                            int32 nBufLen);
+int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuffer, int32 nBufLen);
 
 #ifdef __cplusplus
-}  /* extern "C" */
+} /* extern "C" */
 static_assert(BUFFER_BATCH_MAX_LEN / (BUFFER_ENTRY_HEAD_LEN + BUFFER_RECORD_HEAD_LEN + 1) < 65536,
               "a full batch cannot overflow its 16-bit count");
 #endif

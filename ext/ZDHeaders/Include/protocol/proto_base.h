@@ -27,7 +27,7 @@ extern "C" {
 void proto_pack_free(char* pBuf);
 
 #ifdef __cplusplus
-}  /* extern "C" */
+} /* extern "C" */
 
 #include <bit>
 #include <cstring>

@@ -33,13 +33,15 @@ extern "C" {
 
 /* Command codes (BufferHead.nCommand). Any other value is invalid. */
 enum {
-  BUFFER_CMD_INIT = 1,  /* body: BufferInitInfo */
-  BUFFER_CMD_LOGIN = 2  /* body: ProtoScLogin */
+  BUFFER_CMD_INIT = 1, /* body: BufferInitInfo */
+  BUFFER_CMD_LOGIN = 2 /* body: ProtoScLogin */
 };
+
+/* The service's control queue, to which init and login messages are sent. */
+enum { BUFFER_CTRL_QUEUE_ID = 1 };
 
 /* Sizes of the control messages, in bytes. */
 enum {
-  BUFFER_CTRL_QUEUE_ID = 1,      /* the service's control queue */
   BUFFER_HEAD_LEN = 38,
   BUFFER_INIT_INFO_LEN = 4,
   BUFFER_LOGIN_INFO_LEN = 192,
@@ -89,7 +91,7 @@ int32 proto_buffer_pack_init_ret(int32 nRetCode, BufferInitInfo initInfo, char**
                                  int32* pnBufLen);
 
 #ifdef __cplusplus
-}  /* extern "C" */
+} /* extern "C" */
 #include <cstddef>
 static_assert(sizeof(BufferHead) == BUFFER_HEAD_LEN);
 static_assert(offsetof(BufferHead, nCommand) == 0);

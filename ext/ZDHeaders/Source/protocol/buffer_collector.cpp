@@ -57,8 +57,8 @@ inline int32 AddFixed(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, 
 }
 
 // REQUIRES 0 <= nLen <= BUFFER_STRBLOB_MAX_LEN, and pData valid when nLen > 0.
-inline int32 AddStrBlob(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                        uint16 nQuality, ZD3_TAG_TYPE nTagType, const void* pData, int32 nLen) {
+inline int32 AddStrBlob(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                        ZD3_TAG_TYPE nTagType, const void* pData, int32 nLen) {
   const int32 nBodyLen = BUFFER_RECORD_HEAD_LEN + BUFFER_STRBLOB_LEN_LEN + nLen;
   const int32 nRet = CheckRoom(pBatch, nBodyLen);
   if (nRet != EC_OK) return nRet;
@@ -123,18 +123,18 @@ int32 zdc_batch_reset(ZdcBatch* pBatch) {
   return EC_OK;
 }
 
-int32 zdc_batch_add_int8(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                         uint16 nQuality, int8 nValue) {
+int32 zdc_batch_add_int8(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                         int8 nValue) {
   return AddFixed(pBatch, nTagId, nSec, nMsec, nQuality, ZD3_TAG_TYPE_INT8, nValue);
 }
 
-int32 zdc_batch_add_int16(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                          uint16 nQuality, int16 nValue) {
+int32 zdc_batch_add_int16(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                          int16 nValue) {
   return AddFixed(pBatch, nTagId, nSec, nMsec, nQuality, ZD3_TAG_TYPE_INT16, nValue);
 }
 
-int32 zdc_batch_add_int32(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                          uint16 nQuality, int32 nValue) {
+int32 zdc_batch_add_int32(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                          int32 nValue) {
   return AddFixed(pBatch, nTagId, nSec, nMsec, nQuality, ZD3_TAG_TYPE_INT32, nValue);
 }
 
@@ -163,8 +163,8 @@ int32 zdc_batch_add_string(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nM
                     static_cast<int32>(nLen));
 }
 
-int32 zdc_batch_add_blob(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec,
-                         uint16 nQuality, const void* pData, int32 nLen) {
+int32 zdc_batch_add_blob(ZdcBatch* pBatch, uint32 nTagId, int32 nSec, int16 nMsec, uint16 nQuality,
+                         const void* pData, int32 nLen) {
   if (nLen < 0) return ZDC_E_BAD_ARG;
   if (nLen > BUFFER_STRBLOB_MAX_LEN) return ZDC_E_VALUE_TOO_LONG;
   if (pData == nullptr && nLen > 0) return EC_NULL_POINTER;
@@ -198,8 +198,8 @@ int32 zdc_batch_add_record(ZdcBatch* pBatch, uint32 nTagId, const ZD3Record* pRe
       const int32 nLen = value.strBlob.nLenBuf;
       if (nLen > BUFFER_STRBLOB_MAX_LEN) return ZDC_E_VALUE_TOO_LONG;
       if (value.strBlob.pBuf == nullptr && nLen > 0) return EC_NULL_POINTER;
-      return AddStrBlob(pBatch, nTagId, nSec, nMsec, nQuality,
-                        static_cast<ZD3_TAG_TYPE>(nTagType), value.strBlob.pBuf, nLen);
+      return AddStrBlob(pBatch, nTagId, nSec, nMsec, nQuality, static_cast<ZD3_TAG_TYPE>(nTagType),
+                        value.strBlob.pBuf, nLen);
     }
     default:
       return EC_REC_BAD_TYPE;
@@ -237,8 +237,8 @@ int32 zdc_build_init_msg(const char* szIP, uint16 nPort, const char* szBakIP, ui
   return EC_OK;
 }
 
-int32 zdc_build_login_msg(const char* szUserName, const char* szPasswd, char* pBuf,
-                          int32 nBufLen, int32* pnMsgLen) {
+int32 zdc_build_login_msg(const char* szUserName, const char* szPasswd, char* pBuf, int32 nBufLen,
+                          int32* pnMsgLen) {
   if (szUserName == nullptr || szPasswd == nullptr || pBuf == nullptr) return EC_NULL_POINTER;
   if (nBufLen < BUFFER_LOGIN_MSG_LEN) return EC_NO_MEMORY;
   ProtoScLogin login;
@@ -254,8 +254,7 @@ int32 zdc_build_login_msg(const char* szUserName, const char* szPasswd, char* pB
   return EC_OK;
 }
 
-int32 zdc_parse_init_reply(const char* pReply, int32 nLen, int32* pnRetCode,
-                           int32* pnDataQueueID) {
+int32 zdc_parse_init_reply(const char* pReply, int32 nLen, int32* pnRetCode, int32* pnDataQueueID) {
   if (pReply == nullptr || pnRetCode == nullptr || pnDataQueueID == nullptr) {
     return EC_NULL_POINTER;
   }

@@ -48,13 +48,20 @@ int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuf
   const int32 nLeft = nBufLen - BUFFER_RECORD_HEAD_LEN;
   ZD3Value& value = pRecord->value;
   switch (nTagType) {
-    case ZD3_TAG_TYPE_INT8: return ParseFixBounded(pValue, nLeft, &value.nInt8);
-    case ZD3_TAG_TYPE_INT16: return ParseFixBounded(pValue, nLeft, &value.nInt16);
-    case ZD3_TAG_TYPE_INT32: return ParseFixBounded(pValue, nLeft, &value.nInt32);
-    case ZD3_TAG_TYPE_FLOAT32: return ParseFixBounded(pValue, nLeft, &value.fFloat32);
-    case ZD3_TAG_TYPE_FLOAT64: return ParseFixBounded(pValue, nLeft, &value.fFloat64);
-    case ZD3_TAG_TYPE_DIGITAL: return ParseFixBounded(pValue, nLeft, &value.nDigital);
-    default: break;  // string or blob
+    case ZD3_TAG_TYPE_INT8:
+      return ParseFixBounded(pValue, nLeft, &value.nInt8);
+    case ZD3_TAG_TYPE_INT16:
+      return ParseFixBounded(pValue, nLeft, &value.nInt16);
+    case ZD3_TAG_TYPE_INT32:
+      return ParseFixBounded(pValue, nLeft, &value.nInt32);
+    case ZD3_TAG_TYPE_FLOAT32:
+      return ParseFixBounded(pValue, nLeft, &value.fFloat32);
+    case ZD3_TAG_TYPE_FLOAT64:
+      return ParseFixBounded(pValue, nLeft, &value.fFloat64);
+    case ZD3_TAG_TYPE_DIGITAL:
+      return ParseFixBounded(pValue, nLeft, &value.nDigital);
+    default:
+      break;  // string or blob
   }
 
   int32 nRet = ParseFixBounded(pValue, nLeft, &value.strBlob.nLenBuf);
