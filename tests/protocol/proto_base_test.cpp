@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
-#include <cmath>
-#include <limits>
 #include <string>
 #include <vector>
 
@@ -134,29 +131,6 @@ TEST(ProtoBaseTest, FixStepsAroundPowersOfTwo) {
   EXPECT_EQ(Hex({0x02, 0x01}), ToBytes(wire, 2));
 }
 
-TEST(ProtoBaseTest, FloatsTravelAsTheirIeeeBits) {
-  for (float32 f : {0.0f, -0.0f, 1.5f, -3.25e-38f, std::numeric_limits<float32>::infinity(),
-                    std::numeric_limits<float32>::quiet_NaN()}) {
-    Bytes expect;
-    PutLe(&expect, std::bit_cast<uint32>(f), 4);
-    char wire[4];
-    char* pCursor = wire;
-    PackFixStep<float32>(&pCursor, f);
-    EXPECT_EQ(expect, ToBytes(wire, 4));
-    float32 back = 0;
-    pCursor = wire;
-    ParseFixStep<float32>(&pCursor, &back);
-    EXPECT_EQ(std::bit_cast<uint32>(f), std::bit_cast<uint32>(back));
-  }
-  const float64 d = -1234.5678e300;
-  Bytes expect;
-  PutLe(&expect, std::bit_cast<uint64>(d), 8);
-  char wire[8];
-  char* pCursor = wire;
-  PackFixStep<float64>(&pCursor, d);
-  EXPECT_EQ(expect, ToBytes(wire, 8));
-}
-
 TEST(ProtoBaseTest, StringStepsCountTheTerminator) {
   char wire[16];
   std::memset(wire, 0x7F, sizeof(wire));
@@ -196,7 +170,5 @@ TEST(ProtoBaseTest, LongestStringFillsTheSixteenBitLength) {
   ParseStringStep(&pCursor, back.data());
   EXPECT_EQ(longest, std::string(back.data()));
 }
-
-TEST(ProtoBaseTest, PackFreeIgnoresNull) { proto_pack_free(nullptr); }
 
 }  // namespace

@@ -107,8 +107,12 @@ int32 zdc_batch_create(ZdcBatch* pBatch, int32 nCapacity) {
   char* pBuf = static_cast<char*>(std::malloc(static_cast<size_t>(nCapacity)));
   if (pBuf == nullptr) return EC_NO_MEMORY;
   const int32 nRet = zdc_batch_init(pBatch, pBuf, nCapacity);
+  if (nRet != EC_OK) {
+    std::free(pBuf);
+    return nRet;
+  }
   pBatch->bOwned = 1;
-  return nRet;
+  return EC_OK;
 }
 
 void zdc_batch_destroy(ZdcBatch* pBatch) {
