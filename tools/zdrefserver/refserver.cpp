@@ -157,6 +157,9 @@ int32 CRefServer::Start(const SRefServerConfig& config) {
     m_faults = config.faults;
   }
   m_bStop = false;
+  for (auto* p : {&m_nConnections, &m_nLogins, &m_nLoginsRefused, &m_nSaves, &m_nRecords, &m_nFaults}) {
+    *p = 0;
+  }
   int32 nRet = m_store.Open(config.strDbPath.c_str(), config.bTruncate);
   if (nRet != 0) return nRet;
   m_hListen = listen_on(config.strListen.c_str(), config.nPort, &m_nPort);

@@ -84,6 +84,7 @@ class CRefServer {
   uint16 ControlPort() const { return m_nControlPort; }
   // Applies one control command (see above); returns the reply line.
   std::string Control(const std::string& strLine);
+  // Counters since the last Start (stored: all rows in the database).
   SRefStats Stats() const;
   SRefFaults Faults() const;
 
