@@ -357,6 +357,8 @@ void CRefServer::ServeData(SConn* pConn) {
     if (!send_all(s.hSocket, s.vReply.data(), s.vReply.size())) break;
     if (!s.bHello) break;  // wrong version: answered, then closed
   }
+  // The peer sees the end now; the descriptor is closed when reaped.
+  shutdown(s.hSocket, SHUT_RDWR);
   pConn->bDone = true;
 }
 
@@ -460,6 +462,7 @@ void CRefServer::ServeControl(SConn* pConn) {
       }
     }
   }
+  shutdown(pConn->hSocket, SHUT_RDWR);
   pConn->bDone = true;
 }
 
