@@ -235,9 +235,10 @@ TEST_F(OrloClientTest, BadRecordsAreRefusedBeforeSending) {
   EXPECT_EQ(ZD3_E_NULL_POINTER, sn3_save_tags_disorder_snapshots(1, &nId, &r, nullptr));
   EXPECT_EQ(ZD3_E_INVALID_ARG, sn3_save_tags_disorder_snapshots(0, &nId, &r, &nErr));
   EXPECT_EQ(ZD3_E_INVALID_ARG, sn3_save_tags_disorder_snapshots(-1, &nId, &r, &nErr));
-  r.nTagType = static_cast<ZD3_TAG_TYPE>(8);
+  const int32 nType8 = 8, nTypeMinus1 = -1;  // not enumerators: stored bytewise
+  std::memcpy(&r.nTagType, &nType8, 4);
   EXPECT_EQ(ZD3_E_INVALID_ARG, sn3_save_tags_disorder_snapshots(1, &nId, &r, &nErr));
-  r.nTagType = static_cast<ZD3_TAG_TYPE>(-1);
+  std::memcpy(&r.nTagType, &nTypeMinus1, 4);
   EXPECT_EQ(ZD3_E_INVALID_ARG, sn3_save_tags_disorder_snapshots(1, &nId, &r, &nErr));
   std::string s(1001, 'a');
   r.nTagType = ZD3_TAG_TYPE_STRING;

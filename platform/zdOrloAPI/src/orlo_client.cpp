@@ -405,7 +405,10 @@ int32 CSession::Save(int32 nCount, const uint32* pIds, const ZD3Record* pRecs, i
   size_t nBody = 4;
   for (int32 i = 0; i < nCount; ++i) {
     const ZD3Record& r = pRecs[i];
-    const uint32 nType = static_cast<uint32>(r.nTagType);
+    // Read as a plain integer: a caller's out-of-range type is not a valid
+    // enumerator, and loading it as one is undefined.
+    uint32 nType;
+    std::memcpy(&nType, &r.nTagType, sizeof(nType));
     uint16 nLen = 0;
     if (nType == ZD3_TAG_TYPE_STRING || nType == ZD3_TAG_TYPE_BLOB) {
       nLen = r.value.strBlob.nLenBuf;
