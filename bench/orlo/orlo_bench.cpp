@@ -230,9 +230,8 @@ int main(int argc, char** argv) {
     const char* szTarget;
     uint16 nPort;
   };
-  const SRow aTargets[] = {{"wire floor", floor.Port()},
-                           {"counting", counting.Port()},
-                           {"sqlite", sqlite.Port()}};
+  const SRow aTargets[] = {
+      {"wire floor", floor.Port()}, {"counting", counting.Port()}, {"sqlite", sqlite.Port()}};
   const int32 aBatches[] = {1, 100, 40000};
   double aMedian[3][3] = {};
   for (int b = 0; b < 3; ++b) {

@@ -139,9 +139,10 @@ TEST_F(OrloClientTest, LoginAcceptedRefusedAndRequired) {
   EXPECT_EQ(ZD3_E_LOGIN_REFUSED, sc3_login("nobody", "secret"));
   EXPECT_EQ(0, sc3_login("ops", "secret"));
   EXPECT_EQ(0, SaveSeq(1, 1, 1));
-  ASSERT_EQ("ok refuse-connections=off refuse-logins=on fail-every=0:110707 fail-tags=0:110350 "
-            "delay=0 close-every=0",
-            m_server.Control("refuse-logins on"));
+  ASSERT_EQ(
+      "ok refuse-connections=off refuse-logins=on fail-every=0:110707 fail-tags=0:110350 "
+      "delay=0 close-every=0",
+      m_server.Control("refuse-logins on"));
   EXPECT_EQ(ZD3_E_LOGIN_REFUSED, sc3_login("ops", "secret"));
   EXPECT_EQ(ZD3_E_NULL_POINTER, sc3_login(nullptr, "x"));
   EXPECT_EQ(ZD3_E_INVALID_ARG, sc3_login(std::string(256, 'u').c_str(), "x"));

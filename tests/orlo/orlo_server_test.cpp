@@ -85,8 +85,9 @@ class CRawClient {
   bool Ok() const { return m_bOk; }
   void Send(uint16 nType, const std::vector<uint8>& body, uint32 nLength = 0) {
     std::vector<uint8> f(kFrameHeaderSize);
-    wire_put_header(f.data(), SFrameHeader{nLength ? nLength : static_cast<uint32>(12 + body.size()),
-                                           nType, 0, ++m_nId});
+    wire_put_header(
+        f.data(),
+        SFrameHeader{nLength ? nLength : static_cast<uint32>(12 + body.size()), nType, 0, ++m_nId});
     f.insert(f.end(), body.begin(), body.end());
     ASSERT_EQ(static_cast<ssize_t>(f.size()), send(m_fd, f.data(), f.size(), MSG_NOSIGNAL));
   }
@@ -169,7 +170,7 @@ TEST_F(OrloServerTest, MalformedSavesAreRefusedAndTheConnectionStaysUsable) {
   b[4 + 12] = 9;  // type of the first record
   EXPECT_EQ(ZD3_E_BAD_REQUEST, c.Save(b));
   EXPECT_EQ(ZD3_E_BAD_REQUEST, c.Save(std::vector<uint8>{0, 0, 0, 0}));  // count 0
-  EXPECT_EQ(ZD3_E_BAD_REQUEST, c.Save(std::vector<uint8>{1, 0}));         // no count
+  EXPECT_EQ(ZD3_E_BAD_REQUEST, c.Save(std::vector<uint8>{1, 0}));        // no count
   EXPECT_EQ(0u, m_server.Stats().nStored);
   EXPECT_EQ(0, c.Save(save_body(two)));
   EXPECT_EQ(2u, m_server.Stats().nStored);
@@ -210,19 +211,21 @@ TEST_F(OrloServerTest, HostileFramingClosesTheConnectionOnly) {
 }
 
 TEST_F(OrloServerTest, ControlGrammarRejectsBadArguments) {
-  for (const char* sz : {"delay", "delay -1", "delay 3600001", "fail-every x", "fail-every 2:0",
-                         "fail-every 2:abc", "fail-tags", "fail-tags 5-3", "fail-tags 1,,2",
-                         "fail-tags 0-2000000", "refuse-logins maybe", "close-every 1 2",
-                         "unknown"}) {
+  for (const char* sz :
+       {"delay", "delay -1", "delay 3600001", "fail-every x", "fail-every 2:0", "fail-every 2:abc",
+        "fail-tags", "fail-tags 5-3", "fail-tags 1,,2", "fail-tags 0-2000000",
+        "refuse-logins maybe", "close-every 1 2", "unknown"}) {
     EXPECT_EQ(0u, m_server.Control(sz).rfind("error", 0)) << sz;
   }
-  EXPECT_EQ("ok refuse-connections=on refuse-logins=off fail-every=3:110707 fail-tags=5:119612 "
-            "delay=0 close-every=0",
-            (m_server.Control("fail-every 3"), m_server.Control("fail-tags 1-3,7,9:119612"),
-             m_server.Control("refuse-connections on")));
-  EXPECT_EQ("ok refuse-connections=off refuse-logins=off fail-every=0:110707 fail-tags=0:110350 "
-            "delay=0 close-every=0",
-            m_server.Control("reset"));
+  EXPECT_EQ(
+      "ok refuse-connections=on refuse-logins=off fail-every=3:110707 fail-tags=5:119612 "
+      "delay=0 close-every=0",
+      (m_server.Control("fail-every 3"), m_server.Control("fail-tags 1-3,7,9:119612"),
+       m_server.Control("refuse-connections on")));
+  EXPECT_EQ(
+      "ok refuse-connections=off refuse-logins=off fail-every=0:110707 fail-tags=0:110350 "
+      "delay=0 close-every=0",
+      m_server.Control("reset"));
 }
 
 TEST_F(OrloServerTest, ControlPortAnswersLineByLine) {
@@ -347,39 +350,39 @@ TEST(OrloClientProtocolTest, LengthsAndIndexesFromTheWireAreNotTrusted) {
                                 },
                                 &errs));
   // A failed-record index beyond the request.
-  EXPECT_EQ(ZD3_E_PROTOCOL,
-            save_two_against(
-                [](const SFrameHeader& h) {
-                  std::vector<uint8> b(16);
-                  put_u32(b.data(), ZD3_E_SOME_RECORDS_FAILED);
-                  put_u32(b.data() + 4, 1);
-                  put_u32(b.data() + 8, 2);
-                  put_u32(b.data() + 12, ZD3_E_RECORD_TIMEOUT);
-                  return reply_frame(28, kWireSave | kWireReplyBit, h.nRequestId, b);
-                },
-                &errs));
+  EXPECT_EQ(ZD3_E_PROTOCOL, save_two_against(
+                                [](const SFrameHeader& h) {
+                                  std::vector<uint8> b(16);
+                                  put_u32(b.data(), ZD3_E_SOME_RECORDS_FAILED);
+                                  put_u32(b.data() + 4, 1);
+                                  put_u32(b.data() + 8, 2);
+                                  put_u32(b.data() + 12, ZD3_E_RECORD_TIMEOUT);
+                                  return reply_frame(28, kWireSave | kWireReplyBit, h.nRequestId,
+                                                     b);
+                                },
+                                &errs));
   // A failed count that disagrees with the frame length.
-  EXPECT_EQ(ZD3_E_PROTOCOL,
-            save_two_against(
-                [](const SFrameHeader& h) {
-                  std::vector<uint8> b(8);
-                  put_u32(b.data(), ZD3_E_SOME_RECORDS_FAILED);
-                  put_u32(b.data() + 4, 1000000);
-                  return reply_frame(20, kWireSave | kWireReplyBit, h.nRequestId, b);
-                },
-                &errs));
+  EXPECT_EQ(ZD3_E_PROTOCOL, save_two_against(
+                                [](const SFrameHeader& h) {
+                                  std::vector<uint8> b(8);
+                                  put_u32(b.data(), ZD3_E_SOME_RECORDS_FAILED);
+                                  put_u32(b.data() + 4, 1000000);
+                                  return reply_frame(20, kWireSave | kWireReplyBit, h.nRequestId,
+                                                     b);
+                                },
+                                &errs));
   // A well-formed partial failure is passed through.
-  EXPECT_EQ(ZD3_E_SOME_RECORDS_FAILED,
-            save_two_against(
-                [](const SFrameHeader& h) {
-                  std::vector<uint8> b(16);
-                  put_u32(b.data(), ZD3_E_SOME_RECORDS_FAILED);
-                  put_u32(b.data() + 4, 1);
-                  put_u32(b.data() + 8, 1);
-                  put_u32(b.data() + 12, ZD3_E_RECORD_TIMEOUT);
-                  return reply_frame(28, kWireSave | kWireReplyBit, h.nRequestId, b);
-                },
-                &errs));
+  EXPECT_EQ(ZD3_E_SOME_RECORDS_FAILED, save_two_against(
+                                           [](const SFrameHeader& h) {
+                                             std::vector<uint8> b(16);
+                                             put_u32(b.data(), ZD3_E_SOME_RECORDS_FAILED);
+                                             put_u32(b.data() + 4, 1);
+                                             put_u32(b.data() + 8, 1);
+                                             put_u32(b.data() + 12, ZD3_E_RECORD_TIMEOUT);
+                                             return reply_frame(28, kWireSave | kWireReplyBit,
+                                                                h.nRequestId, b);
+                                           },
+                                           &errs));
   EXPECT_EQ((std::vector<int32>{0, ZD3_E_RECORD_TIMEOUT}), errs);
 }
 
@@ -474,7 +477,8 @@ pid_t spawn_server(const std::vector<std::string>& args, uint16* pnPort, uint16*
 int wait_exit(pid_t pid) {
   for (int i = 0; i < 500; ++i) {
     int nStatus = 0;
-    if (waitpid(pid, &nStatus, WNOHANG) == pid) return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+    if (waitpid(pid, &nStatus, WNOHANG) == pid)
+      return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
     usleep(10000);
   }
   kill(pid, SIGKILL);
@@ -505,8 +509,8 @@ TEST(OrloProgramTest, ServesInjectsFaultsAndShutsDownCleanlyOnSigterm) {
   EXPECT_EQ(0, sn3_save_tags_disorder_snapshots(3, ids.data(), recs.data(), errs.data()));
   EXPECT_EQ(ZD3_E_SERVER_BUSY,
             sn3_save_tags_disorder_snapshots(3, ids.data(), recs.data(), errs.data()));
-  EXPECT_EQ(0, run_tool("ctl --control-port " + std::to_string(nControl) +
-                        " fail-every 0 >/dev/null"));
+  EXPECT_EQ(
+      0, run_tool("ctl --control-port " + std::to_string(nControl) + " fail-every 0 >/dev/null"));
   EXPECT_EQ(0, sn3_save_tags_disorder_snapshots(3, ids.data(), recs.data(), errs.data()));
   nt3_disconnect();
   ASSERT_EQ(0, kill(pid, SIGTERM));

@@ -19,11 +19,14 @@
 
 namespace {
 
+constexpr uint16 kDefaultPort = 6320;
+
 void print_usage() {
   std::fputs(
       "usage:\n"
-      "  zdrefserver [serve] (--db FILE [--truncate] | --count-only) [--listen ADDR] [--port P]\n"
-      "              [--control-port P] [--user NAME:PASSWORD]... [--users FILE]\n"
+      "  zdrefserver [serve] (--db FILE [--truncate] | --count-only) [--listen ADDR]\n"
+      "              [--port P (default 6320, 0: any)] [--control-port P]\n"
+      "              [--user NAME:PASSWORD]... [--users FILE]\n"
       "              [--refuse-connections] [--refuse-logins] [--fail-every N[:CODE]]\n"
       "              [--fail-tags LIST[:CODE]] [--delay MS] [--close-every N] [--quiet]\n"
       "  zdrefserver dump --db FILE [--tag N]\n"
@@ -53,6 +56,7 @@ bool read_users(const char* szPath, SRefServerConfig* pConfig) {
 
 int run_serve(int argc, char** argv) {
   SRefServerConfig config;
+  config.nPort = kDefaultPort;
   CRefServer server;
   std::vector<std::string> vFaults;  // applied through the control commands
   bool bCountOnly = false;
@@ -80,7 +84,8 @@ int run_serve(int argc, char** argv) {
       vFaults.push_back(a.substr(2) + " on");
       continue;
     } else if ((a == "--fail-every" || a == "--fail-tags" || a == "--delay" ||
-                a == "--close-every") && bHasArg) {
+                a == "--close-every") &&
+               bHasArg) {
       vFaults.push_back(a.substr(2) + " " + v);
     } else if (a == "--quiet") {
       spdlog::set_level(spdlog::level::warn);

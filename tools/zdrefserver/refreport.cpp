@@ -78,8 +78,8 @@ void add_to(STagReport* pTotal, const STagReport& r) {
 
 }  // namespace
 
-int32 refreport_compute(const char* szDb, const SRefExpect& expect,
-                        std::vector<STagReport>* pvTags, STagReport* pTotal) {
+int32 refreport_compute(const char* szDb, const SRefExpect& expect, std::vector<STagReport>* pvTags,
+                        STagReport* pTotal) {
   CReadDb db(szDb);
   if (!db.Prepare("SELECT tag, type, value FROM records ORDER BY seq")) {
     return ZD3_E_STORAGE_UNAVAILABLE;
@@ -131,8 +131,8 @@ void refreport_print(const std::vector<STagReport>& vTags, const STagReport& tot
                "min,max\n");
   for (const STagReport& r : vTags) {
     std::fprintf(pOut,
-                 "%" PRIu32 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64
-                 ",%" PRIu64 ",%" PRIu64 ",%" PRId64 ",%" PRId64 "\n",
+                 "%" PRIu32 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64
+                 ",%" PRIu64 ",%" PRId64 ",%" PRId64 "\n",
                  r.nTag, r.nReceived, r.nDistinct, r.nDuplicates, r.nOutOfOrder, r.nMissing,
                  r.nUnexpected, r.nNotSequence, r.nMin, r.nMax);
   }

@@ -42,8 +42,8 @@ struct STagReport {
 // Computes one report per tag (sorted by tag) from the database szDb, plus
 // the sum of all of them in *pTotal (nTag 0). Returns 0 or
 // ZD3_E_STORAGE_UNAVAILABLE when the database cannot be read.
-int32 refreport_compute(const char* szDb, const SRefExpect& expect,
-                        std::vector<STagReport>* pvTags, STagReport* pTotal);
+int32 refreport_compute(const char* szDb, const SRefExpect& expect, std::vector<STagReport>* pvTags,
+                        STagReport* pTotal);
 
 // Writes the report as CSV: a header, one row per tag, and a row "total".
 void refreport_print(const std::vector<STagReport>& vTags, const STagReport& total, FILE* pOut);

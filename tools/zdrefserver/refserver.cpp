@@ -117,7 +117,8 @@ bool refserver_parse_tag_list(const std::string& s, std::vector<uint32>* pv) {
     uint64 a = 0, b = 0;
     if (!refserver_parse_u64(strItem.substr(0, nDash), &a)) return false;
     b = a;
-    if (nDash != std::string::npos && !refserver_parse_u64(strItem.substr(nDash + 1), &b)) return false;
+    if (nDash != std::string::npos && !refserver_parse_u64(strItem.substr(nDash + 1), &b))
+      return false;
     if (a > b || b > 0xffffffffull || pv->size() + (b - a + 1) > kMaxFailTags) return false;
     for (uint64 t = a; t <= b; ++t) pv->push_back(static_cast<uint32>(t));
   }
@@ -143,10 +144,10 @@ struct CRefServer::SSession {
   int hSocket = -1;
   bool bHello = false;
   bool bLoggedIn = false;
-  std::vector<uint8> vFrame;          // request being served, reused
-  std::vector<SWireRecord> vRecs;     // decoded records of a save
-  std::vector<SWireRecord> vStore;    // the ones to store
-  std::vector<uint8> vReply;          // reply being built, reused
+  std::vector<uint8> vFrame;        // request being served, reused
+  std::vector<SWireRecord> vRecs;   // decoded records of a save
+  std::vector<SWireRecord> vStore;  // the ones to store
+  std::vector<uint8> vReply;        // reply being built, reused
 };
 
 int32 CRefServer::Start(const SRefServerConfig& config) {
@@ -157,7 +158,8 @@ int32 CRefServer::Start(const SRefServerConfig& config) {
     m_faults = config.faults;
   }
   m_bStop = false;
-  for (auto* p : {&m_nConnections, &m_nLogins, &m_nLoginsRefused, &m_nSaves, &m_nRecords, &m_nFaults}) {
+  for (auto* p :
+       {&m_nConnections, &m_nLogins, &m_nLoginsRefused, &m_nSaves, &m_nRecords, &m_nFaults}) {
     *p = 0;
   }
   int32 nRet = m_store.Open(config.strDbPath.c_str(), config.bTruncate);
@@ -170,7 +172,8 @@ int32 CRefServer::Start(const SRefServerConfig& config) {
   }
   if (nRet == 0 && pipe2(m_hWake, O_CLOEXEC) != 0) nRet = errno;
   if (nRet != 0) {
-    spdlog::error("cannot listen on {}:{}: {}", config.strListen, config.nPort, std::strerror(nRet));
+    spdlog::error("cannot listen on {}:{}: {}", config.strListen, config.nPort,
+                  std::strerror(nRet));
     m_bStarted = true;
     Stop();
     return nRet;

@@ -48,10 +48,10 @@ struct SRefFaults {
 
 struct SRefServerConfig {
   std::string strListen = "127.0.0.1";
-  uint16 nPort = 0;           // 0: the kernel picks one (see Port())
-  int32 nControlPort = -1;    // -1: no control port; 0: the kernel picks one
-  std::string strDbPath;      // empty: counting mode, nothing stored
-  bool bTruncate = false;     // empty the database at start
+  uint16 nPort = 0;                             // 0: the kernel picks one (see Port())
+  int32 nControlPort = -1;                      // -1: no control port; 0: the kernel picks one
+  std::string strDbPath;                        // empty: counting mode, nothing stored
+  bool bTruncate = false;                       // empty the database at start
   std::map<std::string, std::string> mapUsers;  // empty: no credentials needed
   SRefFaults faults;
 };
@@ -60,10 +60,10 @@ struct SRefStats {
   uint64 nConnections = 0;
   uint64 nLogins = 0;
   uint64 nLoginsRefused = 0;
-  uint64 nSaves = 0;          // save requests received intact
-  uint64 nRecords = 0;        // records in them
-  uint64 nStored = 0;         // records stored (or counted)
-  uint64 nFaults = 0;         // requests answered or closed by a fault
+  uint64 nSaves = 0;    // save requests received intact
+  uint64 nRecords = 0;  // records in them
+  uint64 nStored = 0;   // records stored (or counted)
+  uint64 nFaults = 0;   // requests answered or closed by a fault
 };
 
 class CRefServer {

@@ -22,7 +22,8 @@ int32 CRefStore::Fail(const char* szWhat) {
 int32 CRefStore::Open(const char* szPath, bool bTruncate) {
   Close();
   if (szPath == nullptr || szPath[0] == '\0') return 0;  // counting mode
-  if (sqlite3_open_v2(szPath, &m_pDb, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+  if (sqlite3_open_v2(szPath, &m_pDb,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                       nullptr) != SQLITE_OK) {
     const int32 nRet = Fail("open");
     Close();
@@ -104,11 +105,13 @@ int32 CRefStore::Save(const zdorlo::SWireRecord* pRecs, size_t n) {
         sqlite3_bind_double(m_pInsert, 7, r.fReal);
         break;
       case ZD3_TAG_TYPE_STRING:
-        sqlite3_bind_text(m_pInsert, 7, reinterpret_cast<const char*>(r.pData ? r.pData : (const uint8*)""),
+        sqlite3_bind_text(m_pInsert, 7,
+                          reinterpret_cast<const char*>(r.pData ? r.pData : (const uint8*)""),
                           r.nLen, SQLITE_STATIC);
         break;
       case ZD3_TAG_TYPE_BLOB:
-        sqlite3_bind_blob(m_pInsert, 7, r.pData ? r.pData : (const uint8*)"", r.nLen, SQLITE_STATIC);
+        sqlite3_bind_blob(m_pInsert, 7, r.pData ? r.pData : (const uint8*)"", r.nLen,
+                          SQLITE_STATIC);
         break;
       default:
         sqlite3_bind_int64(m_pInsert, 7, r.nInt);

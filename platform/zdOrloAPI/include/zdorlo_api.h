@@ -40,14 +40,14 @@ enum {
   ZD3_OK = 0,
 
   /* Network and session: the request may succeed when sent again later. */
-  ZD3_E_NOT_CONNECTED = 110331,     /* no session and nothing to recover it from */
-  ZD3_E_CONNECT_FAILED = 110332,    /* every address refused or was unreachable */
-  ZD3_E_CONNECT_TIMEOUT = 110333,   /* no address answered within the timeout */
-  ZD3_E_CONNECTION_LOST = 110334,   /* connection closed or reset during a request */
-  ZD3_E_REQUEST_TIMEOUT = 110335,   /* no answer within the request timeout */
-  ZD3_E_PROTOCOL = 110336,          /* the server sent a malformed frame */
-  ZD3_E_RELOGIN_REFUSED = 110337,   /* session recovered, but the saved login was refused */
-  ZD3_E_RECORD_TIMEOUT = 110350,    /* per record: its save timed out on the server */
+  ZD3_E_NOT_CONNECTED = 110331,   /* no session and nothing to recover it from */
+  ZD3_E_CONNECT_FAILED = 110332,  /* every address refused or was unreachable */
+  ZD3_E_CONNECT_TIMEOUT = 110333, /* no address answered within the timeout */
+  ZD3_E_CONNECTION_LOST = 110334, /* connection closed or reset during a request */
+  ZD3_E_REQUEST_TIMEOUT = 110335, /* no answer within the request timeout */
+  ZD3_E_PROTOCOL = 110336,        /* the server sent a malformed frame */
+  ZD3_E_RELOGIN_REFUSED = 110337, /* session recovered, but the saved login was refused */
+  ZD3_E_RECORD_TIMEOUT = 110350,  /* per record: its save timed out on the server */
 
   /* Whole-call results of the server that may pass. */
   ZD3_E_SERVER_BUSY = 110707,
@@ -105,8 +105,7 @@ int32 ut3_set_request_timeout(int32 nSeconds);
  * Records are checked before anything is sent: a type outside 0..7, a string
  * or blob longer than 1,000 bytes or with a null buffer gives
  * ZD3_E_INVALID_ARG. */
-int32 sn3_save_tags_disorder_snapshots(int32 nCount, uint32* pIds, ZD3Record* pRecs,
-                                       int32* pErrs);
+int32 sn3_save_tags_disorder_snapshots(int32 nCount, uint32* pIds, ZD3Record* pRecs, int32* pErrs);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -165,8 +165,8 @@ struct SWireRecord {
   int16 nMsec;
   uint16 nQuality;
   uint8 nType;
-  int64 nInt;      // types 0, 1, 2, 5
-  float64 fReal;   // types 3 (widened exactly) and 4
+  int64 nInt;          // types 0, 1, 2, 5
+  float64 fReal;       // types 3 (widened exactly) and 4
   const uint8* pData;  // types 6, 7
   uint16 nLen;
 };

@@ -1,7 +1,5 @@
 // The client library: one process-wide session over TCP, see zdorlo_api.h
 // for the contract and zdorlo_wire.h for the frames.
-#include "zdorlo_api.h"
-
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -17,6 +15,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "zdorlo_api.h"
 #include "zdorlo_wire.h"
 
 namespace {
@@ -193,7 +192,7 @@ void CSession::CloseSocket() {
 bool CSession::IsBroken() const {
   pollfd pfd{m_hSocket, static_cast<short>(POLLIN | POLLRDHUP), 0};
   const int n = poll(&pfd, 1, 0);
-  return n != 0;
+  return n > 0 || (n < 0 && errno != EINTR);
 }
 
 int32 CSession::OpenOne(const char* szAddress, uint16 nPort, Clock::time_point tpDeadline) {
@@ -214,8 +213,7 @@ int32 CSession::OpenOne(const char* szAddress, uint16 nPort, Clock::time_point t
       socklen_t nErrLen = sizeof(nErr);
       if (w == 0) {
         nRet = ZD3_E_CONNECT_TIMEOUT;
-      } else if (w < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &nErr, &nErrLen) != 0 ||
-                 nErr != 0) {
+      } else if (w < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &nErr, &nErrLen) != 0 || nErr != 0) {
         nRet = ZD3_E_CONNECT_FAILED;
       }
     }
@@ -490,8 +488,7 @@ int32 sc3_login(const char* szUser, const char* szPassword) {
 }
 int32 ut3_set_api_option(int32 nOption) { return session().SetOption(nOption); }
 int32 ut3_set_request_timeout(int32 nSeconds) { return session().SetRequestTimeout(nSeconds); }
-int32 sn3_save_tags_disorder_snapshots(int32 nCount, uint32* pIds, ZD3Record* pRecs,
-                                       int32* pErrs) {
+int32 sn3_save_tags_disorder_snapshots(int32 nCount, uint32* pIds, ZD3Record* pRecs, int32* pErrs) {
   return session().Save(nCount, pIds, pRecs, pErrs);
 }
 
