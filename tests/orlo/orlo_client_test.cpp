@@ -96,25 +96,37 @@ TEST_F(OrloClientTest, RefusedEverywhereFailsPromptlyAndSavesSayNotConnected) {
   EXPECT_EQ((std::vector<int32>{ZD3_E_NOT_CONNECTED, ZD3_E_NOT_CONNECTED}), errs);
 }
 
-// A listener that never accepts: the kernel completes the TCP handshake but
-// the greeting is never answered, so only the deadline ends the attempt.
-TEST_F(OrloClientTest, ConnectTimesOutOnSilentServerWithinTheTimeout) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t n = sizeof(a);
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)));
-  ASSERT_EQ(0, listen(fd, 4));
-  ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n));
-  ZD3Connection c = make_conn(ntohs(a.sin_port), 0, 1);
-  const timespec t0 = now_mono();
-  const int32 nRet = nt3_connect(&c);
-  const double fElapsed = seconds_since(t0);
-  close(fd);
-  EXPECT_EQ(ZD3_E_CONNECT_TIMEOUT, nRet);
-  EXPECT_GE(fElapsed, 0.9);
-  EXPECT_LT(fElapsed, 2.5);
+// Two silent servers: a listener that never accepts (the kernel completes
+// the handshake, the greeting is never answered), and one whose accept
+// queue is full (the SYN is dropped, so the TCP connect itself hangs). Only
+// the deadline ends either attempt.
+TEST_F(OrloClientTest, ConnectTimesOutOnSilentServersWithinTheTimeout) {
+  for (const int nBacklog : {4, 0}) {
+    SCOPED_TRACE(nBacklog);
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t n = sizeof(a);
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)));
+    ASSERT_EQ(0, listen(fd, nBacklog));
+    ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n));
+    std::vector<int> vFillers;
+    for (int i = 0; nBacklog == 0 && i < 4; ++i) {
+      const int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+      connect(c, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+      vFillers.push_back(c);
+    }
+    ZD3Connection c = make_conn(ntohs(a.sin_port), 0, 1);
+    const timespec t0 = now_mono();
+    const int32 nRet = nt3_connect(&c);
+    const double fElapsed = seconds_since(t0);
+    for (int h : vFillers) close(h);
+    close(fd);
+    EXPECT_EQ(ZD3_E_CONNECT_TIMEOUT, nRet);
+    EXPECT_GE(fElapsed, 0.9);
+    EXPECT_LT(fElapsed, 2.5);
+  }
 }
 
 TEST_F(OrloClientTest, RejectsBadConnectionParameters) {
@@ -332,6 +344,19 @@ TEST_F(OrloClientTest, ServerRestartBetweenSavesNeedsNoNewConnect) {
   const std::vector<SStoredRow> rows = Rows();
   ASSERT_EQ(4u, rows.size());
   for (int i = 0; i < 4; ++i) EXPECT_EQ(i + 1, rows[i].nInt);
+}
+
+TEST_F(OrloClientTest, RecoveryWithRefusedCredentialsIsANetworkFailure) {
+  m_config.mapUsers["ops"] = "secret";
+  StartServer();
+  ConnectToServer();
+  ASSERT_EQ(0, sc3_login("ops", "secret"));
+  m_server.Stop();
+  m_config.mapUsers["ops"] = "changed";
+  StartServer();
+  EXPECT_EQ(ZD3_E_RELOGIN_REFUSED, SaveSeq(1, 1, 1));
+  EXPECT_TRUE(is_network_class(ZD3_E_RELOGIN_REFUSED));
+  EXPECT_EQ(0u, m_server.Stats().nSaves);  // nothing was sent unauthenticated
 }
 
 TEST_F(OrloClientTest, OutageFailsPromptlyWithNetworkClassUntilServerReturns) {
