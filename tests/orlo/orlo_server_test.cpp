@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -232,9 +232,6 @@ TEST_F(OrloServerTest, ControlPortAnswersLineByLine) {
   m_server.Stop();
   m_config.nControlPort = 0;
   ASSERT_EQ(0, m_server.Start(m_config));
-  CRawClient c(m_server.ControlPort());
-  ASSERT_TRUE(c.Ok());
-  // Raw text, not frames: reuse the socket through a plain exchange.
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;

@@ -3,6 +3,7 @@
 #ifndef TESTS_ORLO_ORLO_TEST_UTIL_H_
 #define TESTS_ORLO_ORLO_TEST_UTIL_H_
 
+#include <ctime>
 #include <string>
 #include <vector>
 
