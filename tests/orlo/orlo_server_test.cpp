@@ -438,6 +438,9 @@ TEST(OrloReportTest, CountsDuplicatesGapsAndOrderPerTag) {
   EXPECT_EQ(2u, v[1].nMissing);     // 2 and 4
   EXPECT_EQ(4u, v[3].nTag);
   EXPECT_EQ(4u, v[3].nMissing);  // never arrived at all
+  EXPECT_TRUE(v[0].vGaps.empty());
+  EXPECT_EQ((std::vector<std::pair<int64, int64>>{{2, 2}, {4, 4}}), v[1].vGaps);
+  EXPECT_EQ((std::vector<std::pair<int64, int64>>{{1, 4}}), v[3].vGaps);
   EXPECT_EQ(ZD3_E_STORAGE_UNAVAILABLE,
             refreport_compute(dir.Path("absent.db").c_str(), e, &v, &total));
 }

@@ -30,7 +30,7 @@ void print_usage() {
       "              [--refuse-connections] [--refuse-logins] [--fail-every N[:CODE]]\n"
       "              [--fail-tags LIST[:CODE]] [--delay MS] [--close-every N] [--quiet]\n"
       "  zdrefserver dump --db FILE [--tag N]\n"
-      "  zdrefserver report --db FILE [--tags LIST] [--first N --last N]\n"
+      "  zdrefserver report --db FILE [--tags LIST] [--first N --last N] [--gaps]\n"
       "  zdrefserver ctl --control-port P COMMAND [ARG]\n",
       stderr);
 }
@@ -162,7 +162,17 @@ int run_dump(int argc, char** argv) {
 int run_report(int argc, char** argv) {
   std::string strDb;
   SRefExpect expect;
-  bool bFirst = false, bLast = false;
+  bool bFirst = false, bLast = false, bGaps = false;
+  std::vector<char*> vArgs;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--gaps") == 0) {
+      bGaps = true;
+    } else {
+      vArgs.push_back(argv[i]);
+    }
+  }
+  argc = static_cast<int>(vArgs.size());
+  argv = vArgs.data();
   for (int i = 0; i + 1 < argc; i += 2) {
     const std::string a = argv[i];
     const std::string v = argv[i + 1];
@@ -189,7 +199,7 @@ int run_report(int argc, char** argv) {
   std::vector<STagReport> vTags;
   STagReport total;
   if (refreport_compute(strDb.c_str(), expect, &vTags, &total) != 0) return 2;
-  refreport_print(vTags, total, stdout);
+  refreport_print(vTags, total, bGaps, stdout);
   std::fprintf(stderr, "lost %llu, out of order %llu, duplicates %llu\n",
                static_cast<unsigned long long>(total.nMissing),
                static_cast<unsigned long long>(total.nOutOfOrder),

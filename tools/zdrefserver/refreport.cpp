@@ -49,8 +49,30 @@ struct STagState {
   int64 nHigh = 0;  // highest first-arrival value so far
 };
 
+// Runs of values in [nFirst, nLast] missing from the sorted list v.
+void find_gaps(const std::vector<int64>& v, int64 nFirst, int64 nLast, STagReport* pReport) {
+  int64 nNext = nFirst;  // smallest value not yet accounted for
+  for (int64 x : v) {
+    if (pReport->vGaps.size() >= kMaxGaps) return;
+    if (x < nNext) continue;
+    if (x > nLast) break;
+    if (x > nNext) pReport->vGaps.emplace_back(nNext, x - 1);
+    nNext = x + 1;
+  }
+  if (nNext <= nLast && pReport->vGaps.size() < kMaxGaps) {
+    pReport->vGaps.emplace_back(nNext, nLast);
+  }
+}
+
 void finish_tag(STagState& st, const SRefExpect& expect) {
   STagReport& r = st.report;
+  std::vector<int64> vSorted(st.seen.begin(), st.seen.end());
+  std::sort(vSorted.begin(), vSorted.end());
+  if (expect.bRange) {
+    find_gaps(vSorted, expect.nFirst, expect.nLast, &r);
+  } else if (!vSorted.empty()) {
+    find_gaps(vSorted, r.nMin, r.nMax, &r);
+  }
   r.nDuplicates = r.nReceived - r.nNotSequence - r.nDistinct;
   if (expect.bRange) {
     uint64 nInRange = 0;
@@ -125,7 +147,8 @@ int32 refreport_compute(const char* szDb, const SRefExpect& expect, std::vector<
   return 0;
 }
 
-void refreport_print(const std::vector<STagReport>& vTags, const STagReport& total, FILE* pOut) {
+void refreport_print(const std::vector<STagReport>& vTags, const STagReport& total, bool bGaps,
+                     FILE* pOut) {
   std::fprintf(pOut,
                "tag,received,distinct,duplicates,out_of_order,missing,unexpected,not_sequence,"
                "min,max\n");
@@ -141,6 +164,12 @@ void refreport_print(const std::vector<STagReport>& vTags, const STagReport& tot
                ",%" PRIu64 ",,\n",
                total.nReceived, total.nDistinct, total.nDuplicates, total.nOutOfOrder,
                total.nMissing, total.nUnexpected, total.nNotSequence);
+  for (const STagReport& r : vTags) {
+    if (!bGaps || r.vGaps.empty()) continue;
+    std::fprintf(pOut, "gaps,%" PRIu32 ",", r.nTag);
+    for (const auto& [a, b] : r.vGaps) std::fprintf(pOut, " %" PRId64 "-%" PRId64, a, b);
+    std::fputs(r.vGaps.size() >= kMaxGaps ? " ...\n" : "\n", pOut);
+  }
 }
 
 int32 refreport_dump(const char* szDb, int64 nTag, FILE* pOut) {

@@ -15,6 +15,7 @@
 #define TOOLS_ZDREFSERVER_REFREPORT_H_
 
 #include <cstdio>
+#include <utility>
 #include <vector>
 
 #include "zd_types.h"
@@ -37,7 +38,11 @@ struct STagReport {
   uint64 nNotSequence = 0;
   int64 nMin = 0;  // smallest and largest value received; 0 when none
   int64 nMax = 0;
+  // The first kMaxGaps runs of missing values, each [first, last].
+  std::vector<std::pair<int64, int64>> vGaps;
 };
+
+constexpr size_t kMaxGaps = 20;
 
 // Computes one report per tag (sorted by tag) from the database szDb, plus
 // the sum of all of them in *pTotal (nTag 0). Returns 0 or
@@ -45,8 +50,11 @@ struct STagReport {
 int32 refreport_compute(const char* szDb, const SRefExpect& expect, std::vector<STagReport>* pvTags,
                         STagReport* pTotal);
 
-// Writes the report as CSV: a header, one row per tag, and a row "total".
-void refreport_print(const std::vector<STagReport>& vTags, const STagReport& total, FILE* pOut);
+// Writes the report as CSV: a header, one row per tag, and a row "total";
+// with bGaps, then one line "gaps,<tag>,<first>-<last> ..." per tag that
+// misses values.
+void refreport_print(const std::vector<STagReport>& vTags, const STagReport& total, bool bGaps,
+                     FILE* pOut);
 
 // Writes the stored rows as CSV in order of arrival, all tags or only
 // nTag (when >= 0). Strings are quoted, blobs hex. 0 or
