@@ -55,6 +55,15 @@ bool read_users(const char* szPath, SRefServerConfig* pConfig) {
 }
 
 int run_serve(int argc, char** argv) {
+  // Blocked from the start, so that a stop request during start-up waits for
+  // sigwait below and still closes the database properly; the worker
+  // threads inherit the mask and never take these signals.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
   SRefServerConfig config;
   config.nPort = kDefaultPort;
   CRefServer server;
@@ -114,13 +123,6 @@ int run_serve(int argc, char** argv) {
     }
     config.faults = parser.Faults();
   }
-  // Signals go to sigwait below, never to the worker threads.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signal(SIGPIPE, SIG_IGN);
 
   const int32 nRet = server.Start(config);
   if (nRet != 0) return 1;
