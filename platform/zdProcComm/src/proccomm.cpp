@@ -56,7 +56,6 @@ struct proccomm_instance {
   bool bCreator;
   std::atomic<int64> nNextCreatorCheckMs;
   char szShmName[256];
-  char szLockPath[288];
 };
 
 struct proccomm_queue {
@@ -79,6 +78,7 @@ constexpr int32 kLockedCopyMax = 16384;
 // this often (and whenever memory is full).
 constexpr int64 kCreatorCheckMs = 100;
 constexpr uint32 kModeBits = 0666;
+constexpr char kShmDir[] = "/dev/shm";  // where shm_open keeps its objects
 
 std::atomic<ProcCommTestHook> g_pHook{nullptr};
 std::atomic<int32> g_nCreateMode{-1};  // -1: not set by proccomm_set_create_mode
@@ -379,6 +379,10 @@ bool mark_chain(proccomm_instance* p, uint32 nFirst, uint32 nBlocks, uint32 nLen
 //    holder had allocated but not queued, or taken off a queue but not
 //    freed);
 //  - queue and attach counts are recounted.
+// The holder's own attach slot usually still looks alive here: the kernel
+// hands the mutex on before it closes the dead process's files. Its slot and
+// in-flight chains are then reclaimed later, like those of any process that
+// died outside the lock (sweep_dead).
 // Queue reference counts and waiter counts cannot be known; a dead process's
 // references keep its queues alive, a stale waiter count only costs a wake.
 void repair(proccomm_instance* p) {
@@ -501,7 +505,6 @@ bool build_names(const char* szName, proccomm_instance* p) {
     szSafe[i] = c == '/' ? '_' : c;
   }
   snprintf(p->szShmName, sizeof(p->szShmName), "/zdpcm.%s", szSafe);
-  snprintf(p->szLockPath, sizeof(p->szLockPath), "/dev/shm/zdpcl.%s", szSafe);
   return true;
 }
 
@@ -643,8 +646,11 @@ int32 open_locked(proccomm_instance* p, const SGeometry& geo) {
   return nRet;
 }
 
-int lock_name(const char* szPath) {
-  int nFd = open(szPath, O_RDWR | O_CREAT | O_CLOEXEC, create_mode());
+// Creation, replacement and removal of instances are serialised by an
+// flock on the shared-memory directory itself: they are rare and short, the
+// kernel drops the lock of a killed holder, and no lock file is left behind.
+int lock_names() {
+  int nFd = open(kShmDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (nFd < 0) return -1;
   int r;
   do {
@@ -730,7 +736,7 @@ int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int3
     delete p;
     return EC_RD_PROCCOMM_INVALID_ARG;
   }
-  int nLockFd = lock_name(p->szLockPath);
+  int nLockFd = lock_names();
   if (nLockFd < 0) {
     int32 nRet = system_error(errno);
     delete p;
@@ -751,7 +757,7 @@ int32 proccomm_release(ProcCommHandle p) {
   if (!valid_instance(p)) return EC_RD_PROCCOMM_INVALID_ARG;
   // Serialise with proccomm_init of the same name, so that no process
   // attaches to an instance whose name is about to go.
-  int nLockFd = p->bCreator ? lock_name(p->szLockPath) : -1;
+  int nLockFd = p->bCreator ? lock_names() : -1;
   if (lock(p) == 0) {
     SHeader* h = p->pHdr;
     reclaim_slot(p, p->nAttach);
@@ -1012,6 +1018,7 @@ int32 proccomm_get_stats(ProcCommHandle p, ProcCommStats* pStats) {
   int32 nRet = lock(p);
   if (nRet != 0) return nRet;
   SHeader* h = p->pHdr;
+  sweep_dead(p);  // so that nAttached and nFreeBlocks count no dead process
   pStats->nSent = h->nSent.load();
   pStats->nReceived = h->nReceived.load();
   pStats->nCutMessages = h->nCut.load();
