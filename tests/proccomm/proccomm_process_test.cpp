@@ -208,16 +208,16 @@ TEST_F(ProcCommProcessTest, SenderKilledWhileCopyingGivesItsBlocksBack) {
   });
   EXPECT_EQ(128 + SIGKILL, WaitChild(victim));
   EXPECT_LT(proccomm_get_unused_block_percent(m_h), 0.8);  // held by the dead reservation
-  std::vector<char> buf(4080, 'f');
+  std::vector<char> buf(4096, 'f');
   uint32 nSent = 0;
-  while (proccomm_send(hQ, buf.data(), 4080) == 0) ++nSent;
+  while (proccomm_send(hQ, buf.data(), 4096) == 0) ++nSent;
   EXPECT_EQ(st.nTotalBlocks, nSent);  // the whole pool, reclaimed on the way
   EXPECT_GE(Stats().nReclaimedBlocks, 245u);
   EXPECT_EQ(1, Stats().nAttached);
   for (uint32 i = 0; i < nSent; ++i) {
-    int32 nLen = 4080;
+    int32 nLen = 4096;
     ASSERT_EQ(0, proccomm_recv(hQ, buf.data(), &nLen, 0, 0));
-    ASSERT_EQ(4080, nLen);
+    ASSERT_EQ(4096, nLen);
     ASSERT_EQ('f', buf[0]);
   }
   EXPECT_EQ(1.0, proccomm_get_unused_block_percent(m_h));
@@ -253,9 +253,9 @@ TEST_F(ProcCommProcessTest, ReceiverKilledMidReceiveLeavesTheQueueUsable) {
     EXPECT_EQ(0, memcmp(buf, "after", 5));
   }
   // Room comes back by repair (locked) or when it runs short (copying).
-  std::vector<char> fill(4080);
+  std::vector<char> fill(4096);
   uint32 nSent = 0;
-  while (proccomm_send(hQ, fill.data(), 4080) == 0) ++nSent;
+  while (proccomm_send(hQ, fill.data(), 4096) == 0) ++nSent;
   ProcCommStats st = Stats();
   EXPECT_EQ(st.nTotalBlocks, nSent);
   EXPECT_GE(st.nRecoveries, 1u);

@@ -84,12 +84,12 @@ TEST_F(ProcCommTest, BadArgumentsAreRefusedWithAStatus) {
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_set_create_mode(0700));
 }
 
-// Sizes around every boundary of the block chain: payloads of 4080 bytes,
+// Sizes around every boundary of the block chain: blocks of 4096 bytes,
 // the locked-copy limit of 16 KiB and the 1 MiB maximum.
 TEST_F(ProcCommTest, ExactBytesAndOrderAcrossBlockBoundaries) {
   Open(16);
   ProcCommQueueHandle hQ = Reg(9);
-  const int32 kSizes[] = {1, 2, 63, 64, 4079, 4080, 4081, 8160, 8161, 16383, 16384, 16385,
+  const int32 kSizes[] = {1, 2, 63, 64, 4095, 4096, 4097, 8192, 8193, 16383, 16384, 16385,
                           65536, 100000, 1048575, 1048576};
   std::vector<char> out(PROCCOMM_MAX_MSG_LEN + 10), in(PROCCOMM_MAX_MSG_LEN + 10);
   uint32 nSeq = 0;
@@ -111,6 +111,31 @@ TEST_F(ProcCommTest, ExactBytesAndOrderAcrossBlockBoundaries) {
   EXPECT_EQ(st.nTotalBlocks, st.nFreeBlocks);
   EXPECT_EQ(st.nSent, st.nReceived);
   EXPECT_EQ(1.0, proccomm_get_unused_block_percent(m_h));
+}
+
+// Chains of blocks that are not consecutive (the pool fragmented by
+// receiving every other message) copy exactly as runs of one block.
+TEST_F(ProcCommTest, FragmentedPoolStillCopiesExactBytes) {
+  Open(1);
+  ProcCommQueueHandle hA = Reg(20), hB = Reg(21), hC = Reg(22);
+  std::vector<char> buf(40000);
+  for (int i = 0; i < 120; ++i) ASSERT_EQ(0, proccomm_send(i % 2 ? hB : hA, buf.data(), 4096));
+  for (int i = 0; i < 60; ++i) {
+    int32 nLen = 4096;
+    ASSERT_EQ(0, proccomm_recv(hA, buf.data(), &nLen, 0, 0));
+  }
+  // Freed blocks come back first: every other block, then a consecutive tail.
+  for (uint32 nSeq = 0; nSeq < 12; ++nSeq) {
+    int32 nSize = 3 * 4096 + 1 + static_cast<int32>(nSeq) * 2000;
+    FillPattern(buf.data(), nSize, nSeq);
+    ASSERT_EQ(0, proccomm_send(hC, buf.data(), nSize));
+  }
+  for (uint32 nSeq = 0; nSeq < 12; ++nSeq) {
+    int32 nLen = static_cast<int32>(buf.size());
+    ASSERT_EQ(0, proccomm_recv(hC, buf.data(), &nLen, 0, 0));
+    ASSERT_EQ(3 * 4096 + 1 + static_cast<int32>(nSeq) * 2000, nLen);
+    EXPECT_TRUE(CheckPattern(buf.data(), nLen, nSeq)) << nSeq;
+  }
 }
 
 TEST_F(ProcCommTest, TooLargeIsRefusedWholeAndCounted) {
@@ -162,10 +187,10 @@ TEST_F(ProcCommTest, FullMemoryRefusesThenAcceptsAfterAReceive) {
   ProcCommStats st = Stats();
   ASSERT_GT(st.nTotalBlocks, 100u);
   ASSERT_LE(static_cast<uint64>(st.nTotalBlocks) * st.nBlockSize, 1u << 20);
-  std::vector<char> buf(4080);
+  std::vector<char> buf(4096);
   uint32 nSent = 0;
   int32 nRet = 0;
-  while ((nRet = proccomm_send(hQ, buf.data(), 4080)) == 0) {
+  while ((nRet = proccomm_send(hQ, buf.data(), 4096)) == 0) {
     ++nSent;
     // One payload-sized message per block: the fraction moves block by block.
     ASSERT_DOUBLE_EQ(static_cast<double>(st.nTotalBlocks - nSent) / st.nTotalBlocks,
@@ -175,10 +200,10 @@ TEST_F(ProcCommTest, FullMemoryRefusesThenAcceptsAfterAReceive) {
   EXPECT_EQ(st.nTotalBlocks, nSent);
   EXPECT_EQ(0.0, proccomm_get_unused_block_percent(m_h));
   // A two-block message does not fit one freed block: nothing is half-sent.
-  int32 nLen = 4080;
+  int32 nLen = 4096;
   ASSERT_EQ(0, proccomm_recv(hQ, buf.data(), &nLen, 0, 0));
-  std::vector<char> two(4081, 'z');
-  EXPECT_EQ(EC_RD_PROCCOMM_NO_SPACE, proccomm_send(hQ, two.data(), 4081));
+  std::vector<char> two(4097, 'z');
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_SPACE, proccomm_send(hQ, two.data(), 4097));
   EXPECT_EQ(0, proccomm_send(hQ, buf.data(), 100));
   EXPECT_EQ(EC_RD_PROCCOMM_NO_SPACE, proccomm_send(hQ, buf.data(), 1));
   EXPECT_EQ(3u, Stats().nRefusedNoSpace);
@@ -186,7 +211,7 @@ TEST_F(ProcCommTest, FullMemoryRefusesThenAcceptsAfterAReceive) {
   std::vector<char> huge(PROCCOMM_MAX_MSG_LEN);
   EXPECT_EQ(EC_RD_PROCCOMM_NO_SPACE, proccomm_send(hQ, huge.data(), PROCCOMM_MAX_MSG_LEN));
   for (uint32 i = 0; i < nSent; ++i) {
-    nLen = 4080;
+    nLen = 4096;
     ASSERT_EQ(0, proccomm_recv(hQ, buf.data(), &nLen, 0, 0));
     ASSERT_GT(nLen, 0);
   }

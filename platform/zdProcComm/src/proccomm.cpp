@@ -46,6 +46,7 @@ struct proccomm_instance {
   size_t nSize;
   SHeader* pHdr;
   SQueue* pQueues;
+  SBlockHeader* pLinks;
   uint32* pStack;
   uint8* pBitmap;
   uint8* pBlocks;
@@ -157,7 +158,7 @@ struct SGeometry {
   uint32 nBlockSize;
   uint32 nBlocks;
   uint32 nMaxQueues;
-  uint64 nOffQueues, nOffStack, nOffBitmap, nOffBlocks;
+  uint64 nOffQueues, nOffLinks, nOffStack, nOffBitmap, nOffBlocks;
 };
 
 constexpr uint64 align_up(uint64 n, uint64 nAlign) { return (n + nAlign - 1) / nAlign * nAlign; }
@@ -168,15 +169,16 @@ bool compute_geometry(int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues, SGeo
   pGeo->nMaxQueues = static_cast<uint32>(nMaxQueues);
   pGeo->nOffQueues = align_up(sizeof(SHeader), 64);
   uint64 nFixed = pGeo->nOffQueues + static_cast<uint64>(nMaxQueues) * sizeof(SQueue);
-  if (nFixed + 3 * 4096 >= pGeo->nTotal) return false;
-  // Each block costs its bytes, a stack entry and a bit; leave room for the
-  // alignment padding, then trim until the layout fits.
-  uint64 nLeft = pGeo->nTotal - nFixed - 3 * 4096;
-  uint64 nBlocks = nLeft * 8 / (8 * static_cast<uint64>(nBlockSize) + 33);
+  if (nFixed + 4 * 4096 >= pGeo->nTotal) return false;
+  // Each block costs its bytes, its links, a stack entry and a bit; leave
+  // room for the alignment padding, then trim until the layout fits.
+  uint64 nLeft = pGeo->nTotal - nFixed - 4 * 4096;
+  uint64 nBlocks = nLeft * 8 / (8 * (static_cast<uint64>(nBlockSize) + zdpc::kBlockHeaderSize + 4) + 1);
   if (nBlocks >= kNil) nBlocks = kNil - 1;
   for (;; --nBlocks) {
     if (nBlocks == 0) return false;
-    pGeo->nOffStack = align_up(nFixed, 64);
+    pGeo->nOffLinks = align_up(nFixed, 64);
+    pGeo->nOffStack = align_up(pGeo->nOffLinks + zdpc::kBlockHeaderSize * nBlocks, 64);
     pGeo->nOffBitmap = align_up(pGeo->nOffStack + 4 * nBlocks, 64);
     pGeo->nOffBlocks = align_up(pGeo->nOffBitmap + (nBlocks + 7) / 8, 4096);
     if (pGeo->nOffBlocks + nBlocks * nBlockSize <= pGeo->nTotal) break;
@@ -187,13 +189,13 @@ bool compute_geometry(int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues, SGeo
 
 // ---- Instance helpers (lock held unless said otherwise) -------------------
 
-inline SBlockHeader* block(proccomm_instance* p, uint32 nBlock) {
-  return reinterpret_cast<SBlockHeader*>(p->pBlocks + static_cast<size_t>(nBlock) * p->nBlockSize);
-}
+// The links of a block (kept apart from its bytes, so that a block is a
+// whole, aligned page of payload and chains are walked in a dense array).
+inline SBlockHeader* block(proccomm_instance* p, uint32 nBlock) { return &p->pLinks[nBlock]; }
 inline uint8* payload(proccomm_instance* p, uint32 nBlock) {
-  return reinterpret_cast<uint8*>(block(p, nBlock)) + zdpc::kBlockHeaderSize;
+  return p->pBlocks + static_cast<size_t>(nBlock) * p->nBlockSize;
 }
-inline uint32 payload_size(const proccomm_instance* p) { return p->nBlockSize - zdpc::kBlockHeaderSize; }
+inline uint32 payload_size(const proccomm_instance* p) { return p->nBlockSize; }
 inline uint32 blocks_for(const proccomm_instance* p, int32 nLen) {
   return (static_cast<uint32>(nLen) + payload_size(p) - 1) / payload_size(p);
 }
@@ -202,6 +204,7 @@ void attach_views(proccomm_instance* p) {
   SHeader* h = reinterpret_cast<SHeader*>(p->pBase);
   p->pHdr = h;
   p->pQueues = reinterpret_cast<SQueue*>(p->pBase + h->nOffQueues);
+  p->pLinks = reinterpret_cast<SBlockHeader*>(p->pBase + h->nOffLinks);
   p->pStack = reinterpret_cast<uint32*>(p->pBase + h->nOffStack);
   p->pBitmap = p->pBase + h->nOffBitmap;
   p->pBlocks = p->pBase + h->nOffBlocks;
@@ -228,18 +231,23 @@ uint32 alloc_chain(proccomm_instance* p, uint32 nBlocks, int32 nLen) {
   return nFirst;
 }
 
-// Pushes a chain back. The walk is bounded by nBlocks and by kNil, so a
-// damaged link cannot run away.
+// Pushes a chain back so that the first block ends on top: the next
+// allocation gets the same blocks in the same order, mostly consecutive, and
+// copies them as long runs. The walk is bounded by nBlocks and by kNil, so a
+// damaged link cannot run away. A crash before nFreeTop moves frees nothing
+// (Repair rebuilds the stack).
 void free_chain(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
   SHeader* h = p->pHdr;
+  uint32 nRoom = p->nBlocks - h->nFreeTop;
+  uint32 n = 0;
+  for (uint32 b = nFirst; n < nBlocks && n < nRoom && b < p->nBlocks; b = block(p, b)->nNext) ++n;
   uint32 b = nFirst;
-  for (uint32 k = 0; k < nBlocks && b < p->nBlocks && h->nFreeTop < p->nBlocks; ++k) {
-    uint32 nNext = block(p, b)->nNext;
-    p->pStack[h->nFreeTop] = b;
-    crash_order();
-    h->nFreeTop++;
-    b = nNext;
+  for (uint32 k = 0; k < n; ++k) {
+    p->pStack[h->nFreeTop + n - 1 - k] = b;
+    b = block(p, b)->nNext;
   }
+  crash_order();
+  h->nFreeTop += n;
 }
 
 // Queue append. A crash between the two link stores leaves the message
@@ -265,25 +273,38 @@ uint32 pop(proccomm_instance* p, SQueue* q) {
   return nFirst;
 }
 
-void copy_in(proccomm_instance* p, uint32 nFirst, const char* pBuf, int32 nLen) {
-  uint32 nChunk = payload_size(p);
+// Copies between a chain and a flat buffer, one memcpy per run of
+// consecutive blocks.
+template <bool bIn>
+void copy_chain(proccomm_instance* p, uint32 nFirst, char* pBuf, int32 nLen) {
+  const size_t nChunk = payload_size(p);
+  size_t nLeft = static_cast<size_t>(nLen);
   uint32 b = nFirst;
-  for (int32 nDone = 0; nDone < nLen; b = block(p, b)->nNext) {
-    uint32 n = static_cast<uint32>(nLen - nDone) < nChunk ? static_cast<uint32>(nLen - nDone) : nChunk;
-    memcpy(payload(p, b), pBuf + nDone, n);
-    nDone += static_cast<int32>(n);
+  while (nLeft > 0) {
+    uint32 nRunStart = b;
+    size_t nRun = nChunk;
+    uint32 nNext = block(p, b)->nNext;
+    while (nRun < nLeft && nNext == b + 1) {
+      b = nNext;
+      nNext = block(p, b)->nNext;
+      nRun += nChunk;
+    }
+    if (nRun > nLeft) nRun = nLeft;
+    if (bIn) {
+      memcpy(payload(p, nRunStart), pBuf, nRun);
+    } else {
+      memcpy(pBuf, payload(p, nRunStart), nRun);
+    }
+    pBuf += nRun;
+    nLeft -= nRun;
+    b = nNext;
   }
 }
 
-void copy_out(proccomm_instance* p, uint32 nFirst, char* pBuf, int32 nLen) {
-  uint32 nChunk = payload_size(p);
-  uint32 b = nFirst;
-  for (int32 nDone = 0; nDone < nLen; b = block(p, b)->nNext) {
-    uint32 n = static_cast<uint32>(nLen - nDone) < nChunk ? static_cast<uint32>(nLen - nDone) : nChunk;
-    memcpy(pBuf + nDone, payload(p, b), n);
-    nDone += static_cast<int32>(n);
-  }
+void copy_in(proccomm_instance* p, uint32 nFirst, const char* pBuf, int32 nLen) {
+  copy_chain<true>(p, nFirst, const_cast<char*>(pBuf), nLen);
 }
+void copy_out(proccomm_instance* p, uint32 nFirst, char* pBuf, int32 nLen) { copy_chain<false>(p, nFirst, pBuf, nLen); }
 
 int32 inflight_take(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
   for (int32 i = 0; i < zdpc::kMaxInflight; ++i) {
@@ -433,7 +454,7 @@ void repair(proccomm_instance* p) {
     if (q->nWaiters < 0) q->nWaiters = 0;
   }
   h->nFreeTop = 0;
-  for (uint32 b = 0; b < p->nBlocks; ++b) {
+  for (uint32 b = p->nBlocks; b-- > 0;) {  // lowest index on top
     if (!marked(p, b)) p->pStack[h->nFreeTop++] = b;
   }
   if (h->nFreeTop > nFreeBefore) bump(h->nReclaimedBlocks, h->nFreeTop - nFreeBefore);
@@ -560,6 +581,7 @@ int32 create_instance(proccomm_instance* p, const SGeometry& geo) {
   h->nBlocks = geo.nBlocks;
   h->nMaxQueues = geo.nMaxQueues;
   h->nOffQueues = geo.nOffQueues;
+  h->nOffLinks = geo.nOffLinks;
   h->nOffStack = geo.nOffStack;
   h->nOffBitmap = geo.nOffBitmap;
   h->nOffBlocks = geo.nOffBlocks;

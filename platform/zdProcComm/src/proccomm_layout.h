@@ -6,15 +6,17 @@
 //   0                 SHeader (geometry, robust mutex, counters, attach
 //                     slots, in-flight reservations)
 //   nOffQueues        SQueue[nMaxQueues], 64 bytes each
+//   nOffLinks         SBlockHeader[nBlocks]: the links of each block
 //   nOffStack         uint32[nBlocks]: the free stack, entries [0, nFreeTop)
 //   nOffBitmap        uint8[(nBlocks + 7) / 8]: scratch marks for repair
 //   nOffBlocks        nBlocks blocks of nBlockSize bytes, 4096-aligned
 //   ...               unused tail (< one block); total == nMemSizeMb MiB
 //
-// A block starts with SBlockHeader (16 bytes) followed by its payload. A
-// message is a chain of nMsgBlocks blocks linked by nNext; its first block
-// also carries the message length and the link to the next message of its
-// queue (nNextMsg). A queue is a singly linked list of first blocks.
+// A block is nBlockSize bytes of payload; its links live apart, in the
+// SBlockHeader of the same index. A message is a chain of nMsgBlocks blocks
+// linked by nNext; the links of its first block also carry the message
+// length and the next message of its queue (nNextMsg). A queue is a singly
+// linked list of first blocks.
 //
 // Lock bytes: besides the data, byte offsets of the object serve as
 // open-file-description locks (F_OFD_SETLK), which the kernel drops when the
@@ -34,7 +36,7 @@
 namespace zdpc {
 
 constexpr uint32 kMagic = 0x4350445A;  // "ZDPC" in memory order
-constexpr uint32 kLayoutVersion = 1;
+constexpr uint32 kLayoutVersion = 2;
 constexpr uint32 kNil = 0xFFFFFFFFu;   // no block
 constexpr int32 kMaxInflight = 128;    // reservations copied outside the lock
 constexpr int64 kLockByteCreator = 0;
@@ -87,6 +89,7 @@ struct SHeader {
   uint32 nMaxQueues;
   uint32 nReserved;
   uint64 nOffQueues;
+  uint64 nOffLinks;
   uint64 nOffStack;
   uint64 nOffBitmap;
   uint64 nOffBlocks;
