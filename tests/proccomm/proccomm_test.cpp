@@ -138,6 +138,60 @@ TEST_F(ProcCommTest, FragmentedPoolStillCopiesExactBytes) {
   }
 }
 
+// Random sends and receives on three queues against a std::deque model, with
+// random capacities (so some messages are cut) and a small pool (so some
+// sends are refused). After every step the pool accounting must match the
+// model: free blocks == total - blocks of every queued message.
+TEST_F(ProcCommTest, RandomOperationsMatchADequeModel) {
+  Open(1);
+  ProcCommQueueHandle hQ[3] = {Reg(31), Reg(32), Reg(33)};
+  std::deque<std::pair<uint32, int32>> model[3];  // (seq, length)
+  const uint32 nTotal = Stats().nTotalBlocks;
+  uint64 nQueuedBlocks = 0, nCuts = 0, nRefused = 0;
+  std::mt19937 rng(12345);
+  std::vector<char> buf(PROCCOMM_MAX_MSG_LEN);
+  uint32 nSeq = 0;
+  for (int nStep = 0; nStep < 4000; ++nStep) {
+    int q = static_cast<int>(rng() % 3);
+    if (rng() % 100 < 55) {
+      int32 nLen = 1 + static_cast<int32>(rng() % (rng() % 10 == 0 ? 200000 : 9000));
+      FillPattern(buf.data(), nLen, nSeq);
+      uint32 nBlocks = static_cast<uint32>((nLen + 4095) / 4096);
+      int32 nRet = proccomm_send(hQ[q], buf.data(), nLen);
+      if (nQueuedBlocks + nBlocks <= nTotal) {
+        ASSERT_EQ(0, nRet) << nStep;
+        model[q].emplace_back(nSeq, nLen);
+        nQueuedBlocks += nBlocks;
+      } else {
+        ASSERT_EQ(EC_RD_PROCCOMM_NO_SPACE, nRet) << nStep;
+        ++nRefused;
+      }
+      ++nSeq;
+    } else {
+      int32 nCap = 1 + static_cast<int32>(rng() % 12000);
+      int32 nLen = nCap;
+      ASSERT_EQ(0, proccomm_recv(hQ[q], buf.data(), &nLen, 0, 0));
+      if (model[q].empty()) {
+        ASSERT_EQ(0, nLen);
+      } else {
+        auto [nWantSeq, nWantLen] = model[q].front();
+        model[q].pop_front();
+        nQueuedBlocks -= static_cast<uint32>((nWantLen + 4095) / 4096);
+        ASSERT_EQ(std::min(nCap, nWantLen), nLen);
+        if (nCap < nWantLen) ++nCuts;
+        std::vector<char> expect(static_cast<size_t>(nWantLen));
+        FillPattern(expect.data(), nWantLen, nWantSeq);
+        ASSERT_EQ(0, memcmp(expect.data(), buf.data(), static_cast<size_t>(nLen))) << nStep;
+      }
+    }
+    ProcCommStats st = Stats();
+    ASSERT_EQ(nTotal - nQueuedBlocks, st.nFreeBlocks) << nStep;
+    ASSERT_EQ(nCuts, st.nCutMessages);
+  }
+  EXPECT_GT(nCuts, 100u);  // the run did reach both edges
+  EXPECT_GT(nRefused, 10u);
+}
+
 TEST_F(ProcCommTest, TooLargeIsRefusedWholeAndCounted) {
   Open(4);
   ProcCommQueueHandle hQ = Reg(3);

@@ -953,7 +953,7 @@ int32 proccomm_recv(ProcCommQueueHandle pq, char* pBuf, int32* pnLen, int32 bWai
     // below return at once.
     uint32 nSeq = q->nSeq.load(std::memory_order_seq_cst);
     int32 nStop = 0;
-    if (p->pHdr->bGone.load(std::memory_order_seq_cst) != 0) {
+    if (instance_gone(p, false)) {
       nStop = EC_RD_PROCCOMM_GONE;
     } else if (bWait && pq->bQuit.load(std::memory_order_seq_cst) != 0) {
       nStop = EC_RD_PROCCOMM_RECV_QUIT;
