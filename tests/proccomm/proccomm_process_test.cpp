@@ -16,6 +16,8 @@
 using pctest::CheckPattern;
 using pctest::CPipe;
 using pctest::FillPattern;
+using pctest::SendNumbered;
+using pctest::SizeOf;
 using pctest::Spawn;
 using pctest::UniqueName;
 using pctest::WaitChild;
@@ -33,31 +35,6 @@ void TestHook(int32 nPoint) {
   char c = 'h';
   (void)!write(g_nHookNotifyFd, &c, 1);
   for (;;) pause();  // held here, inside the send or receive, until killed
-}
-
-int32 SizeOf(uint32 nSeq) {
-  // Mostly small, with regular large ones crossing block and copy limits.
-  if (nSeq % 97 == 0) return 300000 + static_cast<int32>(nSeq % 7) * 1000;
-  if (nSeq % 13 == 0) return 16385 + static_cast<int32>(nSeq % 5000);
-  return 1 + static_cast<int32>((nSeq * 37) % 5000);
-}
-
-// Sends nCount numbered messages, retrying while memory is full.
-int SendNumbered(ProcCommQueueHandle hQ, uint32 nFrom, uint32 nCount) {
-  std::vector<char> buf(PROCCOMM_MAX_MSG_LEN);
-  for (uint32 nSeq = nFrom; nSeq < nFrom + nCount; ++nSeq) {
-    int32 nLen = SizeOf(nSeq);
-    memcpy(buf.data(), &nSeq, 4);
-    FillPattern(buf.data() + 4, nLen - 4 > 0 ? nLen - 4 : 0, nSeq);
-    int32 nRet;
-    for (int nTry = 0; (nRet = proccomm_send(hQ, buf.data(), nLen < 4 ? 4 : nLen)) == EC_RD_PROCCOMM_NO_SPACE;
-         ++nTry) {
-      if (nTry > 200000) return 10;
-      usleep(50);
-    }
-    if (nRet != 0) return 11;
-  }
-  return 0;
 }
 
 // Receives nCount numbered messages and checks number, length and bytes.
@@ -124,6 +101,33 @@ TEST_F(ProcCommProcessTest, TwoSendersToOneReceiverKeepOrderAndBytes) {
   EXPECT_EQ(1, st.nAttached);
   proccomm_unreg(m_h, 10, hA);
   proccomm_unreg(m_h, 11, hB);
+}
+
+// Collectors as separate programs (exec): their mappings sit at other
+// addresses, so only offsets and indices may cross the boundary.
+TEST_F(ProcCommProcessTest, ExecedCollectorsDeliverInOrder) {
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 16, 4096, 1000, &m_h));
+  ProcCommQueueHandle hQ = nullptr;
+  ASSERT_EQ(0, proccomm_reg(m_h, 1, &hQ));
+  pid_t peers[2];
+  for (int i = 0; i < 2; ++i) {
+    peers[i] = fork();
+    if (peers[i] == 0) {
+      std::string szFrom = std::to_string(i * 100000);
+      execl(PROCCOMM_PEER_PATH, "proccomm_peer", "send", m_szName.c_str(), i == 0 ? "1" : "2",
+            szFrom.c_str(), "700", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+  }
+  ProcCommQueueHandle hQ2 = nullptr;
+  ASSERT_EQ(0, proccomm_reg(m_h, 2, &hQ2));
+  ASSERT_TRUE(RecvNumbered(hQ, 0, 700));
+  ASSERT_TRUE(RecvNumbered(hQ2, 100000, 700));
+  EXPECT_EQ(0, WaitChild(peers[0]));
+  EXPECT_EQ(0, WaitChild(peers[1]));
+  EXPECT_EQ(Stats().nTotalBlocks, Stats().nFreeBlocks);
+  proccomm_unreg(m_h, 1, hQ);
+  proccomm_unreg(m_h, 2, hQ2);
 }
 
 TEST_F(ProcCommProcessTest, ReceiverInAnotherProcessWakesOnSendAndOnTimeout) {

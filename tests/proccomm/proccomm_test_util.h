@@ -16,6 +16,8 @@
 
 #include "proccomm.h"
 
+#include <unistd.h>
+
 namespace pctest {
 
 // Names differ per process and per call, so tests of several build trees
@@ -38,6 +40,31 @@ inline bool CheckPattern(const char* pBuf, int32 nLen, uint32 nSeq) {
   std::vector<char> expect(static_cast<size_t>(nLen));
   FillPattern(expect.data(), nLen, nSeq);
   return nLen == 0 || memcmp(expect.data(), pBuf, static_cast<size_t>(nLen)) == 0;
+}
+
+inline int32 SizeOf(uint32 nSeq) {
+  // Mostly small, with regular large ones crossing block and copy limits.
+  if (nSeq % 97 == 0) return 300000 + static_cast<int32>(nSeq % 7) * 1000;
+  if (nSeq % 13 == 0) return 16385 + static_cast<int32>(nSeq % 5000);
+  return 1 + static_cast<int32>((nSeq * 37) % 5000);
+}
+
+// Sends nCount numbered messages, retrying while memory is full.
+inline int SendNumbered(ProcCommQueueHandle hQ, uint32 nFrom, uint32 nCount) {
+  std::vector<char> buf(PROCCOMM_MAX_MSG_LEN);
+  for (uint32 nSeq = nFrom; nSeq < nFrom + nCount; ++nSeq) {
+    int32 nLen = SizeOf(nSeq);
+    memcpy(buf.data(), &nSeq, 4);
+    FillPattern(buf.data() + 4, nLen - 4 > 0 ? nLen - 4 : 0, nSeq);
+    int32 nRet;
+    for (int nTry = 0; (nRet = proccomm_send(hQ, buf.data(), nLen < 4 ? 4 : nLen)) == EC_RD_PROCCOMM_NO_SPACE;
+         ++nTry) {
+      if (nTry > 200000) return 10;
+      usleep(50);
+    }
+    if (nRet != 0) return 11;
+  }
+  return 0;
 }
 
 // Runs fn in a forked child; the child's exit status is fn's result.
