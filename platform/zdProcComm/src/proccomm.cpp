@@ -436,8 +436,8 @@ void repair(proccomm_instance* p) {
     uint32 nPrev = kNil;
     uint32 nCount = 0;
     for (uint32 b = q->nHead; b != kNil; b = block(p, b)->nNextMsg) {
-      if (b >= p->nBlocks || !mark_chain(p, b, block(p, b)->nMsgBlocks, block(p, b)->nMsgLen) ||
-          block(p, b)->nMsgLen == 0) {
+      if (b >= p->nBlocks || block(p, b)->nMsgLen == 0 ||
+          !mark_chain(p, b, block(p, b)->nMsgBlocks, block(p, b)->nMsgLen)) {
         if (nPrev == kNil) {
           q->nHead = kNil;
         } else {
@@ -1007,18 +1007,16 @@ int32 proccomm_get_unused_queueid(ProcCommHandle p, int32* pnQueueId) {
     unlock(p);
     return EC_RD_PROCCOMM_NO_QUEUE;
   }
-  // At most nMaxQueues ids are taken, so one of 2..nMaxQueues+2 is free.
-  int32 nId = 2;
-  for (bool bTaken = true; bTaken; ) {
-    bTaken = false;
-    for (uint32 qi = 0; qi < p->nMaxQueues; ++qi) {
-      if (p->pQueues[qi].nId == nId) {
-        bTaken = true;
-        ++nId;
-        break;
-      }
-    }
+  // Fewer than nMaxQueues ids are taken, so one of 2..nMaxQueues+1 is free:
+  // mark the taken ones of that range and pick the lowest free.
+  uint8 taken[65536 / 8 + 1] = {};
+  for (uint32 qi = 0; qi < p->nMaxQueues; ++qi) {
+    int64 nOff = static_cast<int64>(p->pQueues[qi].nId) - 2;
+    if (nOff >= 0 && nOff < static_cast<int64>(p->nMaxQueues))
+      taken[nOff >> 3] = static_cast<uint8>(taken[nOff >> 3] | (1u << (nOff & 7)));
   }
+  int32 nId = 2;
+  while (((taken[(nId - 2) >> 3] >> ((nId - 2) & 7)) & 1) != 0) ++nId;
   unlock(p);
   *pnQueueId = nId;
   return 0;
