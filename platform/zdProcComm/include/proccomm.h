@@ -19,7 +19,7 @@
  *    marked gone and removed from the name space; the other attachers then
  *    get EC_RD_PROCCOMM_GONE from send and recv, and should release and call
  *    proccomm_init again. A creator that died without releasing is noticed
- *    by senders within about 100 ms, and at once when memory is full.
+ *    by senders and receivers within about 100 ms.
  *  - A handle is not inherited across fork(): a child calls proccomm_init.
  *    Queue handles must be unregistered before their instance is released.
  *

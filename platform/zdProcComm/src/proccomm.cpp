@@ -76,8 +76,10 @@ constexpr int32 kMaxNameLen = 200;
 // trip costs more than copying them.
 constexpr int32 kLockedCopyMax = 16384;
 // A sender that is not the creator checks the creator's lock byte at most
-// this often (and whenever memory is full).
+// this often (a receiver too, whenever it looks at its queue).
 constexpr int64 kCreatorCheckMs = 100;
+// Tries of a contended lock before sleeping on it (a few microseconds).
+constexpr int kLockSpins = 32;
 constexpr uint32 kModeBits = 0666;
 constexpr char kShmDir[] = "/dev/shm";  // where shm_open keeps its objects
 
@@ -339,17 +341,30 @@ void reclaim_slot(proccomm_instance* p, int32 nSlot) {
   }
 }
 
-// Reclaims the chains of every dead process. Returns true if any was found.
+// Reclaims the in-flight chains of dead processes (and their slots). Only
+// slots that own an entry are looked at, so that a sender retrying on a
+// full pool pays no system call unless there is something to gain. Returns
+// true if any was found.
 bool sweep_dead(proccomm_instance* p) {
   SHeader* h = p->pHdr;
   bool bFound = false;
-  for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
-    if (i == p->nAttach || !h->attach[i].bUsed) continue;
-    if (byte_held_by_other(p->nFd, zdpc::kLockByteAttach0 + i)) continue;
-    reclaim_slot(p, i);
+  for (int32 i = 0; i < zdpc::kMaxInflight; ++i) {
+    int32 nSlot = h->inflight[i].nAttach;
+    if (nSlot < 0 || nSlot == p->nAttach || nSlot >= PROCCOMM_MAX_ATTACH) continue;
+    if (byte_held_by_other(p->nFd, zdpc::kLockByteAttach0 + nSlot)) continue;
+    reclaim_slot(p, nSlot);
     bFound = true;
   }
   return bFound;
+}
+
+// Drops the attach slots of dead processes (for an exact count).
+void sweep_dead_slots(proccomm_instance* p) {
+  SHeader* h = p->pHdr;
+  for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
+    if (i == p->nAttach || !h->attach[i].bUsed) continue;
+    if (!byte_held_by_other(p->nFd, zdpc::kLockByteAttach0 + i)) reclaim_slot(p, i);
+  }
 }
 
 inline bool marked(const proccomm_instance* p, uint32 b) { return (p->pBitmap[b >> 3] >> (b & 7)) & 1; }
@@ -461,8 +476,18 @@ void repair(proccomm_instance* p) {
   bump(h->nRecoveries);
 }
 
+// Critical sections are short (about 100 ns unless a small message is
+// copied), so a contended lock is retried briefly before sleeping: a sleep
+// and wake-up of the kernel's futex would cost microseconds, which matters
+// most to a receiver that has just been woken by the sender (the sender
+// often takes the lock again at once for its next call).
 int32 lock(proccomm_instance* p) {
-  int r = pthread_mutex_lock(&p->pHdr->mutex);
+  int r = EBUSY;
+  for (int i = 0; i < kLockSpins && r == EBUSY; ++i) {
+    r = pthread_mutex_trylock(&p->pHdr->mutex);
+    if (r == EBUSY) __builtin_ia32_pause();
+  }
+  if (r == EBUSY) r = pthread_mutex_lock(&p->pHdr->mutex);
   if (r == 0) return 0;
   if (r == EOWNERDEAD) {
     repair(p);
@@ -482,13 +507,13 @@ void wake_every_queue(proccomm_instance* p) {
   }
 }
 
-// Non-creators: has the creator released the instance or died? Checked at
-// most every kCreatorCheckMs unless bNow.
-bool instance_gone(proccomm_instance* p, bool bNow) {
+// Non-creators: has the creator released the instance or died? The lock
+// byte is looked at most every kCreatorCheckMs.
+bool instance_gone(proccomm_instance* p) {
   if (p->pHdr->bGone.load(std::memory_order_seq_cst) != 0) return true;
   if (p->bCreator) return false;
   int64 nNow = now_coarse_ms();
-  if (!bNow && nNow < p->nNextCreatorCheckMs.load(std::memory_order_relaxed)) return false;
+  if (nNow < p->nNextCreatorCheckMs.load(std::memory_order_relaxed)) return false;
   p->nNextCreatorCheckMs.store(nNow + kCreatorCheckMs, std::memory_order_relaxed);
   if (byte_held_by_other(p->nFd, zdpc::kLockByteCreator)) return false;
   // The creator died without releasing: tell every attacher at once.
@@ -807,7 +832,7 @@ int32 proccomm_release(ProcCommHandle p) {
 int32 proccomm_reg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle* phQueue) {
   if (phQueue != nullptr) *phQueue = nullptr;
   if (!valid_instance(p) || phQueue == nullptr || nQueueId < 1) return EC_RD_PROCCOMM_INVALID_ARG;
-  if (instance_gone(p, false)) return EC_RD_PROCCOMM_GONE;
+  if (instance_gone(p)) return EC_RD_PROCCOMM_GONE;
   proccomm_queue* pq = new (std::nothrow) proccomm_queue;
   if (pq == nullptr) return system_error(ENOMEM);
   int32 nRet = lock(p);
@@ -880,7 +905,7 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
     bump(h->nRefusedTooLarge);
     return EC_RD_PROCCOMM_MSG_TOO_LARGE;
   }
-  if (instance_gone(p, false)) return EC_RD_PROCCOMM_GONE;
+  if (instance_gone(p)) return EC_RD_PROCCOMM_GONE;
   uint32 nBlocks = blocks_for(p, nLen);
   if (nBlocks > p->nBlocks) {
     bump(h->nRefusedNoSpace);
@@ -895,8 +920,7 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
     h->nRefusedNoSpace.store(h->nRefusedNoSpace.load(std::memory_order_relaxed) + 1,
                              std::memory_order_relaxed);
     unlock(p);
-    // A full instance may be an orphan nobody drains any more.
-    return instance_gone(p, true) ? EC_RD_PROCCOMM_GONE : EC_RD_PROCCOMM_NO_SPACE;
+    return EC_RD_PROCCOMM_NO_SPACE;
   }
   int32 nEntry = nLen > kLockedCopyMax ? inflight_take(p, nFirst, nBlocks) : -1;
   if (nEntry < 0) {
@@ -953,7 +977,7 @@ int32 proccomm_recv(ProcCommQueueHandle pq, char* pBuf, int32* pnLen, int32 bWai
     // below return at once.
     uint32 nSeq = q->nSeq.load(std::memory_order_seq_cst);
     int32 nStop = 0;
-    if (instance_gone(p, false)) {
+    if (instance_gone(p)) {
       nStop = EC_RD_PROCCOMM_GONE;
     } else if (bWait && pq->bQuit.load(std::memory_order_seq_cst) != 0) {
       nStop = EC_RD_PROCCOMM_RECV_QUIT;
@@ -1039,6 +1063,7 @@ int32 proccomm_get_stats(ProcCommHandle p, ProcCommStats* pStats) {
   if (nRet != 0) return nRet;
   SHeader* h = p->pHdr;
   sweep_dead(p);  // so that nAttached and nFreeBlocks count no dead process
+  sweep_dead_slots(p);
   pStats->nSent = h->nSent.load();
   pStats->nReceived = h->nReceived.load();
   pStats->nCutMessages = h->nCut.load();
