@@ -12,7 +12,9 @@
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -248,6 +250,49 @@ void bench_pipe(int nRounds, SLatency* pOut) {
   for (int fd : {toChild[0], toChild[1], toParent[0], toParent[1]}) close(fd);
 }
 
+// The bare mechanism under zdProcComm's wake-ups: two futex words in shared
+// memory, no lock, no queue.
+void futex_wait_word(std::atomic<uint32>* pWord, uint32 nOld) {
+  while (pWord->load() == nOld)
+    syscall(SYS_futex, reinterpret_cast<uint32*>(pWord), FUTEX_WAIT, nOld, nullptr, nullptr, 0);
+}
+void futex_wake_word(std::atomic<uint32>* pWord) {
+  syscall(SYS_futex, reinterpret_cast<uint32*>(pWord), FUTEX_WAKE, 1, nullptr, nullptr, 0);
+}
+
+void bench_futex(int nRounds, SLatency* pOut) {
+  struct SWords {
+    alignas(64) std::atomic<uint32> nTo;
+    alignas(64) std::atomic<uint32> nBack;
+    alignas(64) std::atomic<int64> nStamp;
+  };
+  SWords* w = new (shared_anon(4096)) SWords;
+  double* pOneWay = static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
+  SChild c = start_child([&](auto ready) {
+    ready();
+    for (int i = 0; i < nRounds; ++i) {
+      futex_wait_word(&w->nTo, static_cast<uint32>(i));
+      pOneWay[i] = static_cast<double>(now_ns() - w->nStamp.load()) / 1000.0;
+      w->nBack.fetch_add(1);
+      futex_wake_word(&w->nBack);
+    }
+    return 0;
+  });
+  for (int i = 0; i < nRounds; ++i) {
+    usleep(kPauseUs);
+    int64 nStamp = now_ns();
+    w->nStamp.store(nStamp);
+    w->nTo.fetch_add(1);
+    futex_wake_word(&w->nTo);
+    futex_wait_word(&w->nBack, static_cast<uint32>(i));
+    pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
+  }
+  end_child(c);
+  for (int i = 0; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
+  munmap(pOneWay, sizeof(double) * static_cast<size_t>(nRounds));
+  munmap(w, 4096);
+}
+
 void bench_proccomm_wake(int nRounds, SLatency* pOut) {
   ProcCommHandle h = nullptr;
   if (proccomm_init(g_szName.c_str(), kMemMb, kBlockSize, 1000, &h) != 0) abort();
@@ -352,11 +397,16 @@ int main(int argc, char** argv) {
   if (nOnly != 0) return 0;
   const int nRounds = std::max(50, static_cast<int>(2000 * fScale));
   std::vector<double> pipeOneMed, pipeOneP99, pipeHalfMed, pipeHalfP99, pcOneMed, pcOneP99, pcHalfMed, pcHalfP99,
-      ratioOne, ratioHalf;
+      ratioOne, ratioHalf, fxOneMed, fxOneP99, fxHalfMed, fxHalfP99;
   for (int r = 0; r < nRuns; ++r) {
-    SLatency p, q;
+    SLatency p, q, f;
     bench_pipe(nRounds, &p);
     bench_proccomm_wake(nRounds, &q);
+    bench_futex(nRounds, &f);
+    fxOneMed.push_back(median(f.oneWayUs));
+    fxOneP99.push_back(percentile(f.oneWayUs, 0.99));
+    fxHalfMed.push_back(median(f.halfRttUs));
+    fxHalfP99.push_back(percentile(f.halfRttUs, 0.99));
     pipeOneMed.push_back(median(p.oneWayUs));
     pipeOneP99.push_back(percentile(p.oneWayUs, 0.99));
     pipeHalfMed.push_back(median(p.halfRttUs));
@@ -370,11 +420,13 @@ int main(int argc, char** argv) {
   }
   printf("\nWake-up of a receiver asleep in a blocking receive, %d rounds per run, %d us pause between rounds (us)\n\n",
          nRounds, kPauseUs);
-  printf("| measure | pipe median | pipe p99 | proccomm median | proccomm p99 | ratio of medians to pipe half round trip |\n");
-  printf("|---|---:|---:|---:|---:|---:|\n");
-  printf("| one-way (stamp to receiver running) | %.1f | %.1f | %.1f | %.1f | %.2f |\n", median(pipeOneMed),
-         median(pipeOneP99), median(pcOneMed), median(pcOneP99), median(ratioOne));
-  printf("| half round trip | %.1f | %.1f | %.1f | %.1f | %.2f |\n", median(pipeHalfMed), median(pipeHalfP99),
-         median(pcHalfMed), median(pcHalfP99), median(ratioHalf));
+  printf("| measure | pipe median | pipe p99 | bare futex median | bare futex p99 | proccomm median | proccomm p99 | proccomm median / pipe half round trip |\n");
+  printf("|---|---:|---:|---:|---:|---:|---:|---:|\n");
+  printf("| one-way (stamp to receiver running) | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.2f |\n",
+         median(pipeOneMed), median(pipeOneP99), median(fxOneMed), median(fxOneP99), median(pcOneMed),
+         median(pcOneP99), median(ratioOne));
+  printf("| half round trip | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.2f |\n", median(pipeHalfMed),
+         median(pipeHalfP99), median(fxHalfMed), median(fxHalfP99), median(pcHalfMed), median(pcHalfP99),
+         median(ratioHalf));
   return 0;
 }

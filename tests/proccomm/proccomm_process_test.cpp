@@ -153,6 +153,43 @@ TEST_F(ProcCommProcessTest, ReceiverInAnotherProcessWakesOnSendAndOnTimeout) {
   proccomm_unreg(m_h, 12, hQ);
 }
 
+// Tight ping-pong between two processes, each asleep in a waiting receive
+// between messages: a lost wake-up shows as a time-out.
+TEST_F(ProcCommProcessTest, PingPongNeverLosesAWakeUp) {
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 16, 4096, 1000, &m_h));
+  ProcCommQueueHandle hPing = nullptr, hPong = nullptr;
+  ASSERT_EQ(0, proccomm_reg(m_h, 13, &hPing));
+  ASSERT_EQ(0, proccomm_reg(m_h, 14, &hPong));
+  constexpr uint32 kRounds = 20000;
+  pid_t c = Spawn([&] {
+    ProcCommHandle h = nullptr;
+    ProcCommQueueHandle hIn = nullptr, hOut = nullptr;
+    if (proccomm_init(m_szName.c_str(), 16, 4096, 1000, &h) != 0) return 2;
+    if (proccomm_reg(h, 13, &hIn) != 0 || proccomm_reg(h, 14, &hOut) != 0) return 3;
+    for (uint32 i = 0; i < kRounds; ++i) {
+      uint32 n = 0;
+      int32 nLen = 4;
+      if (proccomm_recv(hIn, reinterpret_cast<char*>(&n), &nLen, 1, 3000) != 0 || n != i) return 4;
+      ++n;
+      if (proccomm_send(hOut, reinterpret_cast<char*>(&n), 4) != 0) return 5;
+    }
+    proccomm_unreg(h, 13, hIn);
+    proccomm_unreg(h, 14, hOut);
+    proccomm_release(h);
+    return 0;
+  });
+  for (uint32 i = 0; i < kRounds; ++i) {
+    ASSERT_EQ(0, proccomm_send(hPing, reinterpret_cast<char*>(&i), 4));
+    uint32 n = 0;
+    int32 nLen = 4;
+    ASSERT_EQ(0, proccomm_recv(hPong, reinterpret_cast<char*>(&n), &nLen, 1, 3000)) << i;
+    ASSERT_EQ(i + 1, n);
+  }
+  EXPECT_EQ(0, WaitChild(c));
+  proccomm_unreg(m_h, 13, hPing);
+  proccomm_unreg(m_h, 14, hPong);
+}
+
 // A sender stopped inside the locked section (blocks taken, message not
 // queued) and then killed: a second sender blocked on the lock takes over
 // with EOWNERDEAD, repairs, and everything it sends arrives; the killed

@@ -262,7 +262,7 @@ void append(proccomm_instance* p, SQueue* q, uint32 nFirst) {
   }
   crash_order();
   q->nTail = nFirst;
-  q->nCount++;
+  q->nCount.store(q->nCount.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
   q->nSeq.fetch_add(1, std::memory_order_seq_cst);
   p->pHdr->nSent.store(p->pHdr->nSent.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
@@ -271,7 +271,7 @@ uint32 pop(proccomm_instance* p, SQueue* q) {
   uint32 nFirst = q->nHead;
   q->nHead = block(p, nFirst)->nNextMsg;
   if (q->nHead == kNil) q->nTail = kNil;
-  q->nCount--;
+  q->nCount.store(q->nCount.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
   return nFirst;
 }
 
@@ -464,9 +464,8 @@ void repair(proccomm_instance* p) {
       nCount++;
     }
     q->nTail = nPrev;
-    q->nCount = nCount;
+    q->nCount.store(nCount);
     if (q->nRefs < 0) q->nRefs = 0;
-    if (q->nWaiters < 0) q->nWaiters = 0;
   }
   h->nFreeTop = 0;
   for (uint32 b = p->nBlocks; b-- > 0;) {  // lowest index on top
@@ -854,8 +853,7 @@ int32 proccomm_reg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle* phQueu
     q->nRefs = 0;
     q->nHead = kNil;
     q->nTail = kNil;
-    q->nCount = 0;
-    q->nWaiters = 0;
+    q->nCount.store(0);
     crash_order();
     q->nId = nQueueId;
     p->pHdr->nQueuesInUse++;
@@ -886,7 +884,7 @@ int32 proccomm_unreg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle pq) {
     if (q->nRefs > 0) q->nRefs--;
     // A queue still holding messages stays (and keeps its id in use) until
     // someone registers and drains it.
-    if (q->nRefs == 0 && q->nCount == 0) {
+    if (q->nRefs == 0 && q->nCount.load() == 0) {
       q->nId = 0;
       p->pHdr->nQueuesInUse--;
     }
@@ -943,9 +941,9 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
     crash_order();
   }
   append(p, q, nFirst);
-  bool bWake = q->nWaiters > 0;
   unlock(p);
-  if (bWake) futex_wake_all(&q->nSeq);
+  // append bumped nSeq (seq_cst) before this load: see proccomm_recv.
+  if (q->nWaiters.load(std::memory_order_seq_cst) > 0) futex_wake_all(&q->nSeq);
   return 0;
 }
 
@@ -969,46 +967,38 @@ int32 proccomm_recv(ProcCommQueueHandle pq, char* pBuf, int32* pnLen, int32 bWai
   }
   int32 nCap = *pnLen;
   *pnLen = 0;
-  bool bWaiter = false;  // we counted ourselves in q->nWaiters
   bool bTimedOut = false;
   for (;;) {
-    // The futex word is read before the quit and gone flags: whoever sets a
-    // flag bumps the word afterwards, so a flag missed here makes the sleep
-    // below return at once.
+    // The futex word is read before the quit and gone flags and before the
+    // count: whoever sets a flag or queues a message bumps the word
+    // afterwards, so anything missed here makes the sleep below return at
+    // once.
     uint32 nSeq = q->nSeq.load(std::memory_order_seq_cst);
-    int32 nStop = 0;
-    if (instance_gone(p)) {
-      nStop = EC_RD_PROCCOMM_GONE;
-    } else if (bWait && pq->bQuit.load(std::memory_order_seq_cst) != 0) {
-      nStop = EC_RD_PROCCOMM_RECV_QUIT;
+    if (instance_gone(p)) return EC_RD_PROCCOMM_GONE;
+    if (bWait && pq->bQuit.load(std::memory_order_seq_cst) != 0) return EC_RD_PROCCOMM_RECV_QUIT;
+    // An empty queue is seen without the lock, so a receiver going to sleep
+    // never holds up the sender that is about to wake it.
+    if (q->nCount.load(std::memory_order_seq_cst) > 0) {
+      int32 nRet = lock(p);
+      if (nRet != 0) return nRet;
+      if (q->nCount.load(std::memory_order_relaxed) > 0) {
+        *pnLen = nCap;
+        take_message(p, q, pBuf, pnLen);  // unlocks
+        return 0;
+      }
+      unlock(p);  // another receiver was first
+      continue;
     }
-    int32 nRet = lock(p);
-    if (nRet != 0) return nRet;
-    if (bWaiter) {
-      q->nWaiters--;
-      bWaiter = false;
-    }
-    if (nStop != 0) {
-      unlock(p);
-      return nStop;
-    }
-    if (q->nCount > 0) {
-      *pnLen = nCap;
-      take_message(p, q, pBuf, pnLen);  // unlocks
-      return 0;
-    }
-    if (!bWait) {
-      unlock(p);
-      return 0;
-    }
-    if (bTimedOut) {
-      unlock(p);
-      return EC_RD_PROCCOMM_RECV_TIMEOUT;
-    }
-    q->nWaiters++;
-    bWaiter = true;
-    unlock(p);
-    int r = futex_wait(&q->nSeq, nSeq, bDeadline ? &deadline : nullptr);
+    if (!bWait) return 0;
+    if (bTimedOut) return EC_RD_PROCCOMM_RECV_TIMEOUT;
+    // Dekker-style pairing with send: we publish ourselves as a waiter and
+    // then look at the word; a sender bumps the word and then looks at the
+    // waiter count. One of the two sees the other.
+    q->nWaiters.fetch_add(1, std::memory_order_seq_cst);
+    int r = 0;
+    if (q->nSeq.load(std::memory_order_seq_cst) == nSeq)
+      r = futex_wait(&q->nSeq, nSeq, bDeadline ? &deadline : nullptr);
+    q->nWaiters.fetch_sub(1, std::memory_order_seq_cst);
     if (r == ETIMEDOUT) bTimedOut = true;  // one more look, then time out
   }
 }

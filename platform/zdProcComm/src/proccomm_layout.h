@@ -56,8 +56,8 @@ struct alignas(64) SQueue {
   int32 nRefs;      // registered handles, all processes
   uint32 nHead;     // oldest message, kNil when empty
   uint32 nTail;     // newest message, kNil when empty
-  uint32 nCount;    // messages queued
-  int32 nWaiters;   // receivers about to sleep or sleeping on nSeq
+  std::atomic<uint32> nCount;   // messages queued; written under the lock, read without
+  std::atomic<int32> nWaiters;  // receivers about to sleep or sleeping on nSeq (no lock)
   // Futex word: bumped by every append, every quit and when the instance is
   // gone. Receivers read it before looking at the queue and sleep only while
   // it is unchanged, so no wake-up can be lost.
