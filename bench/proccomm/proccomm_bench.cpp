@@ -9,10 +9,10 @@
 //
 // Usage: proccomm_bench [--runs N] [--scale F] [--ring-mb M] [--only SIZE]
 //   F scales message counts, M is the baseline ring's size in MiB.
+#include <linux/futex.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <linux/futex.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -57,7 +57,8 @@ double percentile(std::vector<double> v, double p) {
 }
 
 void* shared_anon(size_t nBytes) {
-  void* p = mmap(nullptr, nBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+  void* p = mmap(nullptr, nBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_POPULATE,
+                 -1, 0);
   return p == MAP_FAILED ? nullptr : p;
 }
 
@@ -142,7 +143,8 @@ SRate bench_ring(int32 nSize, int64 nMsgs, size_t kRingBytes) {
     ready();
     for (uint64 i = 0; i < static_cast<uint64>(nMsgs); ++i) {
       spin_until([&] { return r->nTail.load(std::memory_order_acquire) > i; });
-      memcpy(dst.data(), pData + (i % nSlots) * static_cast<uint64>(nSize), static_cast<size_t>(nSize));
+      memcpy(dst.data(), pData + (i % nSlots) * static_cast<uint64>(nSize),
+             static_cast<size_t>(nSize));
       r->nHead.store(i + 1, std::memory_order_release);
     }
     r->nEndNs = now_ns();
@@ -151,7 +153,8 @@ SRate bench_ring(int32 nSize, int64 nMsgs, size_t kRingBytes) {
   int64 t0 = now_ns();
   for (uint64 i = 0; i < static_cast<uint64>(nMsgs); ++i) {
     spin_until([&] { return i - r->nHead.load(std::memory_order_acquire) < nSlots; });
-    memcpy(pData + (i % nSlots) * static_cast<uint64>(nSize), src.data(), static_cast<size_t>(nSize));
+    memcpy(pData + (i % nSlots) * static_cast<uint64>(nSize), src.data(),
+           static_cast<size_t>(nSize));
     r->nTail.store(i + 1, std::memory_order_release);
   }
   if (end_child(c) != 0) fprintf(stderr, "ring receiver failed\n");
@@ -226,7 +229,8 @@ constexpr int kPauseUs = 200;
 void bench_pipe(int nRounds, SLatency* pOut) {
   int toChild[2], toParent[2];
   if (pipe(toChild) != 0 || pipe(toParent) != 0) abort();
-  double* pOneWay = static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
+  double* pOneWay =
+      static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
   SChild c = start_child([&](auto ready) {
     ready();
     for (int i = 0; i < nRounds; ++i) {
@@ -267,7 +271,8 @@ void bench_futex(int nRounds, SLatency* pOut) {
     alignas(64) std::atomic<int64> nStamp;
   };
   SWords* w = new (shared_anon(4096)) SWords;
-  double* pOneWay = static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
+  double* pOneWay =
+      static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
   SChild c = start_child([&](auto ready) {
     ready();
     for (int i = 0; i < nRounds; ++i) {
@@ -298,7 +303,8 @@ void bench_proccomm_wake(int nRounds, SLatency* pOut) {
   if (proccomm_init(g_szName.c_str(), kMemMb, kBlockSize, 1000, &h) != 0) abort();
   ProcCommQueueHandle hTo = nullptr, hBack = nullptr;
   if (proccomm_reg(h, 3, &hTo) != 0 || proccomm_reg(h, 4, &hBack) != 0) abort();
-  double* pOneWay = static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
+  double* pOneWay =
+      static_cast<double*>(shared_anon(sizeof(double) * static_cast<size_t>(nRounds)));
   SChild c = start_child([&](auto ready) {
     ProcCommHandle hc = nullptr;
     ProcCommQueueHandle hIn = nullptr, hOut = nullptr;
@@ -347,7 +353,8 @@ int main(int argc, char** argv) {
     if (strcmp(argv[i], "--runs") == 0) nRuns = std::max(1, atoi(argv[i + 1]));
     if (strcmp(argv[i], "--scale") == 0) fScale = std::max(0.001, atof(argv[i + 1]));
     if (strcmp(argv[i], "--only") == 0) nOnly = atoi(argv[i + 1]);
-    if (strcmp(argv[i], "--ring-mb") == 0) g_nSmallRingBytes = static_cast<size_t>(std::max(2, atoi(argv[i + 1]))) << 20;
+    if (strcmp(argv[i], "--ring-mb") == 0)
+      g_nSmallRingBytes = static_cast<size_t>(std::max(2, atoi(argv[i + 1]))) << 20;
   }
   g_szName = "bench_" + std::to_string(getpid());
   signal(SIGPIPE, SIG_IGN);
@@ -358,10 +365,12 @@ int main(int argc, char** argv) {
   };
   const SCase kCases[] = {{64, 1000000}, {4096, 200000}, {65536, 12000}, {1048576, 800}};
 
-  printf("zdProcComm two-process benchmark: %d runs, medians; pool %d MiB, blocks %d B\n\n", nRuns, kMemMb,
-         kBlockSize);
-  printf("| size | messages | ring %zu MiB msg/s | GB/s | ring %zu MiB GB/s | proccomm msg/s | GB/s | ratio to small ring | ratio to pool-sized ring | refused sends |\n",
-         g_nSmallRingBytes >> 20, kPoolRingBytes >> 20);
+  printf("zdProcComm two-process benchmark: %d runs, medians; pool %d MiB, blocks %d B\n\n", nRuns,
+         kMemMb, kBlockSize);
+  printf(
+      "| size | messages | ring %zu MiB msg/s | GB/s | ring %zu MiB GB/s | proccomm msg/s | GB/s | "
+      "ratio to small ring | ratio to pool-sized ring | refused sends |\n",
+      g_nSmallRingBytes >> 20, kPoolRingBytes >> 20);
   printf("|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
   for (const SCase& c : kCases) {
     if (nOnly != 0 && c.nSize != nOnly) continue;
@@ -389,15 +398,16 @@ int main(int argc, char** argv) {
       ratios.push_back(b.fMsgPerSec / a.fMsgPerSec);
     }
     printf("| %d | %lld | %.0f | %.2f | %.2f | %.0f | %.2f | %.2f | %.2f | %llu |\n", c.nSize,
-           static_cast<long long>(nMsgs), median(ringMsgs), median(ringGB), median(poolGB), median(pcMsgs),
-           median(pcGB), median(ratios), median(poolRatios), static_cast<unsigned long long>(nRefused));
+           static_cast<long long>(nMsgs), median(ringMsgs), median(ringGB), median(poolGB),
+           median(pcMsgs), median(pcGB), median(ratios), median(poolRatios),
+           static_cast<unsigned long long>(nRefused));
     fflush(stdout);
   }
 
   if (nOnly != 0) return 0;
   const int nRounds = std::max(50, static_cast<int>(2000 * fScale));
-  std::vector<double> pipeOneMed, pipeOneP99, pipeHalfMed, pipeHalfP99, pcOneMed, pcOneP99, pcHalfMed, pcHalfP99,
-      ratioOne, ratioHalf, fxOneMed, fxOneP99, fxHalfMed, fxHalfP99;
+  std::vector<double> pipeOneMed, pipeOneP99, pipeHalfMed, pipeHalfP99, pcOneMed, pcOneP99,
+      pcHalfMed, pcHalfP99, ratioOne, ratioHalf, fxOneMed, fxOneP99, fxHalfMed, fxHalfP99;
   for (int r = 0; r < nRuns; ++r) {
     SLatency p, q, f;
     bench_pipe(nRounds, &p);
@@ -418,15 +428,20 @@ int main(int argc, char** argv) {
     ratioOne.push_back(median(q.oneWayUs) / median(p.halfRttUs));
     ratioHalf.push_back(median(q.halfRttUs) / median(p.halfRttUs));
   }
-  printf("\nWake-up of a receiver asleep in a blocking receive, %d rounds per run, %d us pause between rounds (us)\n\n",
-         nRounds, kPauseUs);
-  printf("| measure | pipe median | pipe p99 | bare futex median | bare futex p99 | proccomm median | proccomm p99 | proccomm median / pipe half round trip |\n");
+  printf(
+      "\nWake-up of a receiver asleep in a blocking receive, %d rounds per run, %d us pause "
+      "between rounds (us)\n\n",
+      nRounds, kPauseUs);
+  printf(
+      "| measure | pipe median | pipe p99 | bare futex median | bare futex p99 | proccomm median | "
+      "proccomm p99 | proccomm median / pipe half round trip |\n");
   printf("|---|---:|---:|---:|---:|---:|---:|---:|\n");
-  printf("| one-way (stamp to receiver running) | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.2f |\n",
-         median(pipeOneMed), median(pipeOneP99), median(fxOneMed), median(fxOneP99), median(pcOneMed),
-         median(pcOneP99), median(ratioOne));
-  printf("| half round trip | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.2f |\n", median(pipeHalfMed),
-         median(pipeHalfP99), median(fxHalfMed), median(fxHalfP99), median(pcHalfMed), median(pcHalfP99),
-         median(ratioHalf));
+  printf(
+      "| one-way (stamp to receiver running) | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.2f |\n",
+      median(pipeOneMed), median(pipeOneP99), median(fxOneMed), median(fxOneP99), median(pcOneMed),
+      median(pcOneP99), median(ratioOne));
+  printf("| half round trip | %.1f | %.1f | %.1f | %.1f | %.1f | %.1f | %.2f |\n",
+         median(pipeHalfMed), median(pipeHalfP99), median(fxHalfMed), median(fxHalfP99),
+         median(pcHalfMed), median(pcHalfP99), median(ratioHalf));
   return 0;
 }

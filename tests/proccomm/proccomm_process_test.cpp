@@ -1,13 +1,12 @@
 // zdProcComm across processes: order and bytes between forked processes,
 // processes killed inside a send or a receive, stale and released instances.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
 
 #include <chrono>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "proccomm.h"
 #include "proccomm_test.h"
@@ -48,7 +47,8 @@ void TestHook(int32 nPoint) {
     memcpy(&nGot, buf.data(), 4);
     int32 nWant = SizeOf(nSeq) < 4 ? 4 : SizeOf(nSeq);
     if (nGot != nSeq || nLen != nWant || !CheckPattern(buf.data() + 4, nLen - 4, nSeq))
-      return ::testing::AssertionFailure() << "message " << nSeq << " got " << nGot << " len " << nLen;
+      return ::testing::AssertionFailure()
+             << "message " << nSeq << " got " << nGot << " len " << nLen;
   }
   return ::testing::AssertionSuccess();
 }
@@ -86,8 +86,14 @@ TEST_F(ProcCommProcessTest, TwoSendersToOneReceiverKeepOrderAndBytes) {
   ProcCommQueueHandle hA = nullptr, hB = nullptr;
   ASSERT_EQ(0, proccomm_reg(m_h, 10, &hA));
   ASSERT_EQ(0, proccomm_reg(m_h, 11, &hB));
-  pid_t a = Spawn([&] { return InChild(10, [](ProcCommHandle, ProcCommQueueHandle hQ) { return SendNumbered(hQ, 0, 1500); }); });
-  pid_t b = Spawn([&] { return InChild(11, [](ProcCommHandle, ProcCommQueueHandle hQ) { return SendNumbered(hQ, 5000, 1500); }); });
+  pid_t a = Spawn([&] {
+    return InChild(
+        10, [](ProcCommHandle, ProcCommQueueHandle hQ) { return SendNumbered(hQ, 0, 1500); });
+  });
+  pid_t b = Spawn([&] {
+    return InChild(
+        11, [](ProcCommHandle, ProcCommQueueHandle hQ) { return SendNumbered(hQ, 5000, 1500); });
+  });
   // Interleave the two queues so both senders run against a live receiver.
   for (uint32 i = 0; i < 1500; i += 100) {
     ASSERT_TRUE(RecvNumbered(hA, i, 100));
@@ -211,8 +217,12 @@ TEST_F(ProcCommProcessTest, SenderKilledHoldingTheLockDoesNotWedgeOthers) {
     });
   });
   ASSERT_TRUE(held.Wait());
-  pid_t sender = Spawn([&] { return InChild(20, [](ProcCommHandle, ProcCommQueueHandle h2) { return SendNumbered(h2, 0, 400); }); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the sender is now blocked on the lock
+  pid_t sender = Spawn([&] {
+    return InChild(20,
+                   [](ProcCommHandle, ProcCommQueueHandle h2) { return SendNumbered(h2, 0, 400); });
+  });
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(50));  // the sender is now blocked on the lock
   ASSERT_EQ(0, kill(victim, SIGKILL));
   EXPECT_EQ(128 + SIGKILL, WaitChild(victim));
   ASSERT_TRUE(RecvNumbered(hQ, 0, 400));
@@ -239,7 +249,8 @@ TEST_F(ProcCommProcessTest, SenderKilledWhileCopyingGivesItsBlocksBack) {
   pid_t victim = Spawn([&] {
     ProcCommHandle h = nullptr;
     ProcCommQueueHandle h2 = nullptr;
-    if (proccomm_init(m_szName.c_str(), 4, 4096, 100, &h) != 0 || proccomm_reg(h, 30, &h2) != 0) return 2;
+    if (proccomm_init(m_szName.c_str(), 4, 4096, 100, &h) != 0 || proccomm_reg(h, 30, &h2) != 0)
+      return 2;
     g_nHookPoint = PROCCOMM_HOOK_SEND_COPY;
     g_bHookKills = true;
     proccomm_test_set_hook(TestHook);
@@ -273,7 +284,8 @@ TEST_F(ProcCommProcessTest, ReceiverKilledMidReceiveLeavesTheQueueUsable) {
   ASSERT_EQ(0, proccomm_reg(m_h, 40, &hQ));
   for (int nPoint : {PROCCOMM_HOOK_RECV_LOCKED, PROCCOMM_HOOK_RECV_COPY}) {
     std::vector<char> big(200000, 'b');
-    ASSERT_EQ(0, proccomm_send(hQ, big.data(), nPoint == PROCCOMM_HOOK_RECV_LOCKED ? 1000 : 200000));
+    ASSERT_EQ(0,
+              proccomm_send(hQ, big.data(), nPoint == PROCCOMM_HOOK_RECV_LOCKED ? 1000 : 200000));
     ASSERT_EQ(0, proccomm_send(hQ, "after", 5));
     pid_t victim = Spawn([&] {
       return InChild(40, [&](ProcCommHandle, ProcCommQueueHandle h2) {
@@ -310,7 +322,8 @@ TEST_F(ProcCommProcessTest, StaleInstanceOfAKilledCreatorIsReplaced) {
   pid_t service = Spawn([&] {
     ProcCommHandle h = nullptr;
     ProcCommQueueHandle hQ = nullptr;
-    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &h) != 0 || proccomm_reg(h, 1, &hQ) != 0) return 2;
+    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &h) != 0 || proccomm_reg(h, 1, &hQ) != 0)
+      return 2;
     proccomm_send(hQ, "old", 3);
     ready.Signal();
     for (;;) pause();
@@ -320,7 +333,8 @@ TEST_F(ProcCommProcessTest, StaleInstanceOfAKilledCreatorIsReplaced) {
   pid_t collector = Spawn([&] {
     ProcCommHandle h = nullptr;
     ProcCommQueueHandle hQ = nullptr;
-    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &h) != 0 || proccomm_reg(h, 1, &hQ) != 0) return 2;
+    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &h) != 0 || proccomm_reg(h, 1, &hQ) != 0)
+      return 2;
     attached.Signal();
     if (!killed.Wait()) return 3;
     // Within the liveness check period the sender learns the creator died.
@@ -331,7 +345,8 @@ TEST_F(ProcCommProcessTest, StaleInstanceOfAKilledCreatorIsReplaced) {
     proccomm_release(h);
     told.Signal();
     if (!killed.Wait()) return 5;  // the new service is up: re-attach and announce
-    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &h) != 0 || proccomm_reg(h, 1, &hQ) != 0) return 6;
+    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &h) != 0 || proccomm_reg(h, 1, &hQ) != 0)
+      return 6;
     nRet = proccomm_send(hQ, "new", 3);
     proccomm_unreg(h, 1, hQ);
     proccomm_release(h);

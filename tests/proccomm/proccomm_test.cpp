@@ -1,5 +1,8 @@
 // zdProcComm within one process: argument checks, exact bytes and order,
 // cut messages, full memory, queue ids, time-outs, quit and threads.
+#include "proccomm.h"
+
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -8,9 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "proccomm.h"
 #include "proccomm_test_util.h"
 
 using pctest::CheckPattern;
@@ -52,7 +52,8 @@ TEST_F(ProcCommTest, BadArgumentsAreRefusedWithAStatus) {
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("x", 8, 4096, 10, nullptr));
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("", 8, 4096, 10, &h));
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("a b", 8, 4096, 10, &h));
-  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init(std::string(201, 'a').c_str(), 8, 4096, 10, &h));
+  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG,
+            proccomm_init(std::string(201, 'a').c_str(), 8, 4096, 10, &h));
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("x", 0, 4096, 10, &h));
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("x", 8, 100, 10, &h));
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("x", 8, 4100, 10, &h));
@@ -89,8 +90,8 @@ TEST_F(ProcCommTest, BadArgumentsAreRefusedWithAStatus) {
 TEST_F(ProcCommTest, ExactBytesAndOrderAcrossBlockBoundaries) {
   Open(16);
   ProcCommQueueHandle hQ = Reg(9);
-  const int32 kSizes[] = {1, 2, 63, 64, 4095, 4096, 4097, 8192, 8193, 16383, 16384, 16385,
-                          65536, 100000, 1048575, 1048576};
+  const int32 kSizes[] = {1,    2,     63,    64,    4095,  4096,   4097,    8192,
+                          8193, 16383, 16384, 16385, 65536, 100000, 1048575, 1048576};
   std::vector<char> out(PROCCOMM_MAX_MSG_LEN + 10), in(PROCCOMM_MAX_MSG_LEN + 10);
   uint32 nSeq = 0;
   for (int32 nSize : kSizes) {
@@ -337,7 +338,9 @@ TEST_F(ProcCommTest, TimeoutsAndImmediateReturns) {
   EXPECT_EQ(0, nLen);
   nLen = 64;
   EXPECT_EQ(EC_RD_PROCCOMM_RECV_TIMEOUT, proccomm_recv(hQ, buf, &nLen, 1, 60));
-  auto nMs = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
+  auto nMs =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0)
+          .count();
   EXPECT_GE(nMs, 60);
   EXPECT_LT(nMs, 2000);
   // A message already queued is taken even with a zero time-out.
@@ -406,7 +409,8 @@ TEST_F(ProcCommTest, ThreadedSendersAndReceiversKeepPerSenderOrder) {
         memcpy(buf.data(), &nTag, 4);
         FillPattern(buf.data() + 4, nLen - 4, nTag);
         int32 nRet;
-        while ((nRet = proccomm_send(hSend, buf.data(), nLen)) == EC_RD_PROCCOMM_NO_SPACE) std::this_thread::yield();
+        while ((nRet = proccomm_send(hSend, buf.data(), nLen)) == EC_RD_PROCCOMM_NO_SPACE)
+          std::this_thread::yield();
         ASSERT_EQ(0, nRet);
       }
     });

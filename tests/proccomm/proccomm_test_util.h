@@ -16,8 +16,6 @@
 
 #include "proccomm.h"
 
-#include <unistd.h>
-
 namespace pctest {
 
 // Names differ per process and per call, so tests of several build trees
@@ -57,7 +55,8 @@ inline int SendNumbered(ProcCommQueueHandle hQ, uint32 nFrom, uint32 nCount) {
     memcpy(buf.data(), &nSeq, 4);
     FillPattern(buf.data() + 4, nLen - 4 > 0 ? nLen - 4 : 0, nSeq);
     int32 nRet;
-    for (int nTry = 0; (nRet = proccomm_send(hQ, buf.data(), nLen < 4 ? 4 : nLen)) == EC_RD_PROCCOMM_NO_SPACE;
+    for (int nTry = 0;
+         (nRet = proccomm_send(hQ, buf.data(), nLen < 4 ? 4 : nLen)) == EC_RD_PROCCOMM_NO_SPACE;
          ++nTry) {
       if (nTry > 200000) return 10;
       usleep(50);

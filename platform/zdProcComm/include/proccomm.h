@@ -45,17 +45,28 @@ typedef struct proccomm_instance* ProcCommHandle;   /* null: none */
 typedef struct proccomm_queue* ProcCommQueueHandle; /* null: none */
 
 enum {
-  EC_RD_PROCCOMM_INVALID_ARG = 116101,   /* null handle/pointer, bad name, size, id or length */
-  EC_RD_PROCCOMM_MSG_TOO_LARGE = 116102, /* message longer than PROCCOMM_MAX_MSG_LEN: refused */
-  EC_RD_PROCCOMM_NO_SPACE = 116103,      /* the instance has no room for the message now: refused */
-  EC_RD_PROCCOMM_NO_QUEUE = 116104,      /* every queue slot is in use */
-  EC_RD_PROCCOMM_GONE = 116105,          /* the creator released the instance or died: re-attach */
-  EC_RD_PROCCOMM_SYSTEM = 116106,        /* a system call failed (proccomm_last_errno tells which) */
-  EC_RD_PROCCOMM_RECV_QUIT = 116107,     /* a waiting receive was ended by proccomm_recv_quit */
-  EC_RD_PROCCOMM_RECV_TIMEOUT = 116108,  /* a waiting receive timed out */
-  EC_RD_PROCCOMM_INCOMPATIBLE = 116109,  /* a live instance of that name has another layout version */
-  EC_RD_PROCCOMM_NO_SLOT = 116110,       /* too many processes attached (PROCCOMM_MAX_ATTACH) */
-  EC_RD_PROCCOMM_NOT_REGISTERED = 116111 /* unreg with an id or handle that do not match */
+  /* null handle or pointer, bad name, size, id, length or capacity */
+  EC_RD_PROCCOMM_INVALID_ARG = 116101,
+  /* message longer than PROCCOMM_MAX_MSG_LEN: refused */
+  EC_RD_PROCCOMM_MSG_TOO_LARGE = 116102,
+  /* the instance has no room for the message now: refused, nothing sent */
+  EC_RD_PROCCOMM_NO_SPACE = 116103,
+  /* every queue slot is in use */
+  EC_RD_PROCCOMM_NO_QUEUE = 116104,
+  /* the creator released the instance or died: release, init again, re-announce */
+  EC_RD_PROCCOMM_GONE = 116105,
+  /* a system call failed (proccomm_last_errno tells which) */
+  EC_RD_PROCCOMM_SYSTEM = 116106,
+  /* a waiting receive was ended by proccomm_recv_quit */
+  EC_RD_PROCCOMM_RECV_QUIT = 116107,
+  /* a waiting receive timed out */
+  EC_RD_PROCCOMM_RECV_TIMEOUT = 116108,
+  /* a live instance of that name has another layout version */
+  EC_RD_PROCCOMM_INCOMPATIBLE = 116109,
+  /* too many processes attached (PROCCOMM_MAX_ATTACH) */
+  EC_RD_PROCCOMM_NO_SLOT = 116110,
+  /* unreg with an id or instance that do not match the queue handle */
+  EC_RD_PROCCOMM_NOT_REGISTERED = 116111
 };
 
 enum {
@@ -114,19 +125,19 @@ float64 proccomm_get_unused_block_percent(ProcCommHandle h);
 
 /* Counters of the instance (shared by every attached process). */
 typedef struct ProcCommStats {
-  uint64 nSent;             /* messages accepted by send */
-  uint64 nReceived;         /* messages handed to a receiver */
-  uint64 nCutMessages;      /* messages cut to the receiver's capacity */
-  uint64 nRefusedNoSpace;   /* sends refused with EC_RD_PROCCOMM_NO_SPACE */
-  uint64 nRefusedTooLarge;  /* sends refused with EC_RD_PROCCOMM_MSG_TOO_LARGE */
-  uint64 nRecoveries;       /* repairs after a process died holding the lock */
-  uint64 nReclaimedBlocks;  /* blocks taken back from dead processes */
-  uint32 nTotalBlocks;      /* blocks in the pool */
-  uint32 nFreeBlocks;       /* blocks free now */
-  int32 nBlockSize;         /* bytes per block */
-  int32 nMaxQueues;         /* queue table size */
-  int32 nQueuesInUse;       /* queues alive now */
-  int32 nAttached;          /* processes attached now */
+  uint64 nSent;            /* messages accepted by send */
+  uint64 nReceived;        /* messages handed to a receiver */
+  uint64 nCutMessages;     /* messages cut to the receiver's capacity */
+  uint64 nRefusedNoSpace;  /* sends refused with EC_RD_PROCCOMM_NO_SPACE */
+  uint64 nRefusedTooLarge; /* sends refused with EC_RD_PROCCOMM_MSG_TOO_LARGE */
+  uint64 nRecoveries;      /* repairs after a process died holding the lock */
+  uint64 nReclaimedBlocks; /* blocks taken back from dead processes */
+  uint32 nTotalBlocks;     /* blocks in the pool */
+  uint32 nFreeBlocks;      /* blocks free now */
+  int32 nBlockSize;        /* bytes per block */
+  int32 nMaxQueues;        /* queue table size */
+  int32 nQueuesInUse;      /* queues alive now */
+  int32 nAttached;         /* processes attached now */
 } ProcCommStats;
 
 int32 proccomm_get_stats(ProcCommHandle h, ProcCommStats* pStats);

@@ -11,8 +11,9 @@ extern "C" {
 #endif
 
 enum {
-  PROCCOMM_HOOK_SEND_LOCKED = 1, /* small send: blocks taken and filled, lock held, not yet queued */
-  PROCCOMM_HOOK_SEND_COPY = 2,   /* large send: blocks reserved, copying without the lock */
+  PROCCOMM_HOOK_SEND_LOCKED =
+      1,                       /* small send: blocks taken and filled, lock held, not yet queued */
+  PROCCOMM_HOOK_SEND_COPY = 2, /* large send: blocks reserved, copying without the lock */
   PROCCOMM_HOOK_RECV_LOCKED = 3, /* small receive: message taken off the queue, lock held */
   PROCCOMM_HOOK_RECV_COPY = 4    /* large receive: message reserved, copying without the lock */
 };

@@ -175,7 +175,8 @@ bool compute_geometry(int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues, SGeo
   // Each block costs its bytes, its links, a stack entry and a bit; leave
   // room for the alignment padding, then trim until the layout fits.
   uint64 nLeft = pGeo->nTotal - nFixed - 4 * 4096;
-  uint64 nBlocks = nLeft * 8 / (8 * (static_cast<uint64>(nBlockSize) + zdpc::kBlockHeaderSize + 4) + 1);
+  uint64 nBlocks =
+      nLeft * 8 / (8 * (static_cast<uint64>(nBlockSize) + zdpc::kBlockHeaderSize + 4) + 1);
   if (nBlocks >= kNil) nBlocks = kNil - 1;
   for (;; --nBlocks) {
     if (nBlocks == 0) return false;
@@ -264,7 +265,8 @@ void append(proccomm_instance* p, SQueue* q, uint32 nFirst) {
   q->nTail = nFirst;
   q->nCount.store(q->nCount.load(std::memory_order_relaxed) + 1, std::memory_order_seq_cst);
   q->nSeq.fetch_add(1, std::memory_order_seq_cst);
-  p->pHdr->nSent.store(p->pHdr->nSent.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  p->pHdr->nSent.store(p->pHdr->nSent.load(std::memory_order_relaxed) + 1,
+                       std::memory_order_relaxed);
 }
 
 uint32 pop(proccomm_instance* p, SQueue* q) {
@@ -306,7 +308,9 @@ void copy_chain(proccomm_instance* p, uint32 nFirst, char* pBuf, int32 nLen) {
 void copy_in(proccomm_instance* p, uint32 nFirst, const char* pBuf, int32 nLen) {
   copy_chain<true>(p, nFirst, const_cast<char*>(pBuf), nLen);
 }
-void copy_out(proccomm_instance* p, uint32 nFirst, char* pBuf, int32 nLen) { copy_chain<false>(p, nFirst, pBuf, nLen); }
+void copy_out(proccomm_instance* p, uint32 nFirst, char* pBuf, int32 nLen) {
+  copy_chain<false>(p, nFirst, pBuf, nLen);
+}
 
 int32 inflight_take(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
   for (int32 i = 0; i < zdpc::kMaxInflight; ++i) {
@@ -367,7 +371,9 @@ void sweep_dead_slots(proccomm_instance* p) {
   }
 }
 
-inline bool marked(const proccomm_instance* p, uint32 b) { return (p->pBitmap[b >> 3] >> (b & 7)) & 1; }
+inline bool marked(const proccomm_instance* p, uint32 b) {
+  return (p->pBitmap[b >> 3] >> (b & 7)) & 1;
+}
 inline void set_mark(proccomm_instance* p, uint32 b, bool bOn) {
   if (bOn) {
     p->pBitmap[b >> 3] = static_cast<uint8>(p->pBitmap[b >> 3] | (1u << (b & 7)));
@@ -380,7 +386,9 @@ inline void set_mark(proccomm_instance* p, uint32 b, bool bOn) {
 // a bad index, a block already owned, or a length that disagrees.
 bool mark_chain(proccomm_instance* p, uint32 nFirst, uint32 nBlocks, uint32 nLen) {
   if (nFirst >= p->nBlocks || nBlocks == 0 || nBlocks > p->nBlocks) return false;
-  if (nLen != 0 && (nLen > PROCCOMM_MAX_MSG_LEN || blocks_for(p, static_cast<int32>(nLen)) != nBlocks)) return false;
+  if (nLen != 0 &&
+      (nLen > PROCCOMM_MAX_MSG_LEN || blocks_for(p, static_cast<int32>(nLen)) != nBlocks))
+    return false;
   uint32 b = nFirst;
   uint32 k = 0;
   bool bOk = true;
@@ -544,8 +552,8 @@ bool build_names(const char* szName, proccomm_instance* p) {
   char szSafe[kMaxNameLen + 1];
   for (size_t i = 0; i <= nLen; ++i) {
     char c = szName[i];
-    bool bOk = c == '\0' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               c == '_' || c == '-' || c == '.' || c == '/';
+    bool bOk = c == '\0' || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               (c >= '0' && c <= '9') || c == '_' || c == '-' || c == '.' || c == '/';
     if (!bOk) return false;
     szSafe[i] = c == '/' ? '_' : c;
   }
@@ -589,9 +597,11 @@ int32 create_instance(proccomm_instance* p, const SGeometry& geo) {
   p->nFd = shm_open(p->szShmName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, nMode);
   if (p->nFd < 0) return system_error(errno);
   int32 nRet = 0;
-  if (fchmod(p->nFd, nMode) != 0) nRet = system_error(errno);  // the umask must not widen or narrow it
+  if (fchmod(p->nFd, nMode) != 0)
+    nRet = system_error(errno);  // the umask must not widen or narrow it
   if (nRet == 0 && ofd_lock(p->nFd, zdpc::kLockByteCreator, false) != 0) nRet = system_error(errno);
-  if (nRet == 0 && ftruncate(p->nFd, static_cast<off_t>(geo.nTotal)) != 0) nRet = system_error(errno);
+  if (nRet == 0 && ftruncate(p->nFd, static_cast<off_t>(geo.nTotal)) != 0)
+    nRet = system_error(errno);
   if (nRet == 0) nRet = map_fd(p, geo.nTotal);
   if (nRet != 0) {
     unmap_close(p);
@@ -721,7 +731,8 @@ void take_message(proccomm_instance* p, SQueue* q, char* pBuf, int32* pnLen) {
   uint32 nBlocks = pFirst->nMsgBlocks;
   int32 nCopy = nMsgLen <= *pnLen ? nMsgLen : *pnLen;
   h->nReceived.store(h->nReceived.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  if (nCopy < nMsgLen) h->nCut.store(h->nCut.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  if (nCopy < nMsgLen)
+    h->nCut.store(h->nCut.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   int32 nEntry = nCopy > kLockedCopyMax ? inflight_take(p, nFirst, nBlocks) : -1;
   if (nEntry < 0) {
     copy_out(p, nFirst, pBuf, nCopy);
@@ -765,10 +776,12 @@ int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int3
   if (phOut == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
   *phOut = nullptr;
   if (szName == nullptr || nMemSizeMb < 1 || nMemSizeMb > 65536 || nBlockSize < 256 ||
-      nBlockSize > PROCCOMM_MAX_MSG_LEN || nBlockSize % 64 != 0 || nMaxQueues < 2 || nMaxQueues > 65536)
+      nBlockSize > PROCCOMM_MAX_MSG_LEN || nBlockSize % 64 != 0 || nMaxQueues < 2 ||
+      nMaxQueues > 65536)
     return EC_RD_PROCCOMM_INVALID_ARG;
   SGeometry geo;
-  if (!compute_geometry(nMemSizeMb, nBlockSize, nMaxQueues, &geo)) return EC_RD_PROCCOMM_INVALID_ARG;
+  if (!compute_geometry(nMemSizeMb, nBlockSize, nMaxQueues, &geo))
+    return EC_RD_PROCCOMM_INVALID_ARG;
   proccomm_instance* p = new (std::nothrow) proccomm_instance;
   if (p == nullptr) return system_error(ENOMEM);
   p->nMagic = 0;
@@ -815,7 +828,8 @@ int32 proccomm_release(ProcCommHandle p) {
       int nFd = shm_open(p->szShmName, O_RDONLY | O_CLOEXEC, 0);
       if (nFd >= 0) {
         struct stat stOurs, stNamed;
-        if (fstat(nFd, &stNamed) == 0 && fstat(p->nFd, &stOurs) == 0 && stNamed.st_ino == stOurs.st_ino)
+        if (fstat(nFd, &stNamed) == 0 && fstat(p->nFd, &stOurs) == 0 &&
+            stNamed.st_ino == stOurs.st_ino)
           shm_unlink(p->szShmName);
         close(nFd);
       }
@@ -947,7 +961,8 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
   return 0;
 }
 
-int32 proccomm_recv(ProcCommQueueHandle pq, char* pBuf, int32* pnLen, int32 bWait, uint32 nTimeoutMs) {
+int32 proccomm_recv(ProcCommQueueHandle pq, char* pBuf, int32* pnLen, int32 bWait,
+                    uint32 nTimeoutMs) {
   if (!valid_queue(pq) || pBuf == nullptr || pnLen == nullptr || *pnLen <= 0) {
     if (pnLen != nullptr) *pnLen = 0;
     return EC_RD_PROCCOMM_INVALID_ARG;

@@ -37,8 +37,8 @@ namespace zdpc {
 
 constexpr uint32 kMagic = 0x4350445A;  // "ZDPC" in memory order
 constexpr uint32 kLayoutVersion = 2;
-constexpr uint32 kNil = 0xFFFFFFFFu;   // no block
-constexpr int32 kMaxInflight = 128;    // reservations copied outside the lock
+constexpr uint32 kNil = 0xFFFFFFFFu;  // no block
+constexpr int32 kMaxInflight = 128;   // reservations copied outside the lock
 constexpr int64 kLockByteCreator = 0;
 constexpr int64 kLockByteAttach0 = 1;
 
@@ -52,10 +52,10 @@ constexpr uint32 kBlockHeaderSize = sizeof(SBlockHeader);
 static_assert(kBlockHeaderSize == 16);
 
 struct alignas(64) SQueue {
-  int32 nId;        // 0: the slot is free
-  int32 nRefs;      // registered handles, all processes
-  uint32 nHead;     // oldest message, kNil when empty
-  uint32 nTail;     // newest message, kNil when empty
+  int32 nId;                    // 0: the slot is free
+  int32 nRefs;                  // registered handles, all processes
+  uint32 nHead;                 // oldest message, kNil when empty
+  uint32 nTail;                 // newest message, kNil when empty
   std::atomic<uint32> nCount;   // messages queued; written under the lock, read without
   std::atomic<int32> nWaiters;  // receivers about to sleep or sleeping on nSeq (no lock)
   // Futex word: bumped by every append, every quit and when the instance is
