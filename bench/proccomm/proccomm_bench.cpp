@@ -225,6 +225,9 @@ struct SLatency {
 };
 
 constexpr int kPauseUs = 200;
+// Rounds run before measuring: for some tens of milliseconds after a process
+// starts and maps its memory, wake-ups are several times slower.
+constexpr int kWarmRounds = 300;
 
 void bench_pipe(int nRounds, SLatency* pOut) {
   int toChild[2], toParent[2];
@@ -246,10 +249,11 @@ void bench_pipe(int nRounds, SLatency* pOut) {
     int64 nStamp = now_ns();
     if (write(toChild[1], &nStamp, sizeof(nStamp)) != sizeof(nStamp)) abort();
     if (read(toParent[0], &nStamp, sizeof(nStamp)) != sizeof(nStamp)) abort();
-    pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
+    if (i >= kWarmRounds)
+      pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
   }
   end_child(c);
-  for (int i = 0; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
+  for (int i = kWarmRounds; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
   munmap(pOneWay, sizeof(double) * static_cast<size_t>(nRounds));
   for (int fd : {toChild[0], toChild[1], toParent[0], toParent[1]}) close(fd);
 }
@@ -290,10 +294,11 @@ void bench_futex(int nRounds, SLatency* pOut) {
     w->nTo.fetch_add(1);
     futex_wake_word(&w->nTo);
     futex_wait_word(&w->nBack, static_cast<uint32>(i));
-    pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
+    if (i >= kWarmRounds)
+      pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
   }
   end_child(c);
-  for (int i = 0; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
+  for (int i = kWarmRounds; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
   munmap(pOneWay, sizeof(double) * static_cast<size_t>(nRounds));
   munmap(w, 4096);
 }
@@ -333,10 +338,11 @@ void bench_proccomm_wake(int nRounds, SLatency* pOut) {
     if (proccomm_send(hTo, buf, 64) != 0) abort();
     int32 nLen = sizeof(buf);
     if (proccomm_recv(hBack, buf, &nLen, 1, PROCCOMM_WAIT_FOREVER) != 0) abort();
-    pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
+    if (i >= kWarmRounds)
+      pOut->halfRttUs.push_back(static_cast<double>(now_ns() - nStamp) / 2000.0);
   }
   end_child(c);
-  for (int i = 0; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
+  for (int i = kWarmRounds; i < nRounds; ++i) pOut->oneWayUs.push_back(pOneWay[i]);
   munmap(pOneWay, sizeof(double) * static_cast<size_t>(nRounds));
   proccomm_unreg(h, 3, hTo);
   proccomm_unreg(h, 4, hBack);
@@ -410,9 +416,20 @@ int main(int argc, char** argv) {
       pcHalfMed, pcHalfP99, ratioOne, ratioHalf, fxOneMed, fxOneP99, fxHalfMed, fxHalfP99;
   for (int r = 0; r < nRuns; ++r) {
     SLatency p, q, f;
-    bench_pipe(nRounds, &p);
-    bench_proccomm_wake(nRounds, &q);
-    bench_futex(nRounds, &f);
+    // Rotate the order so that none always runs first.
+    for (int k = 0; k < 3; ++k) {
+      switch ((r + k) % 3) {
+        case 0:
+          bench_pipe(nRounds + kWarmRounds, &p);
+          break;
+        case 1:
+          bench_proccomm_wake(nRounds + kWarmRounds, &q);
+          break;
+        default:
+          bench_futex(nRounds + kWarmRounds, &f);
+          break;
+      }
+    }
     fxOneMed.push_back(median(f.oneWayUs));
     fxOneP99.push_back(percentile(f.oneWayUs, 0.99));
     fxHalfMed.push_back(median(f.halfRttUs));
@@ -429,9 +446,9 @@ int main(int argc, char** argv) {
     ratioHalf.push_back(median(q.halfRttUs) / median(p.halfRttUs));
   }
   printf(
-      "\nWake-up of a receiver asleep in a blocking receive, %d rounds per run, %d us pause "
-      "between rounds (us)\n\n",
-      nRounds, kPauseUs);
+      "\nWake-up of a receiver asleep in a blocking receive, %d rounds per run after %d warm-up "
+      "rounds, %d us pause between rounds (us)\n\n",
+      nRounds, kWarmRounds, kPauseUs);
   printf(
       "| measure | pipe median | pipe p99 | bare futex median | bare futex p99 | proccomm median | "
       "proccomm p99 | proccomm median / pipe half round trip |\n");
