@@ -220,8 +220,8 @@ void attach_views(proccomm_instance* p) {
 // Returns the first block, or kNil when fewer than n are free.
 uint32 alloc_chain(proccomm_instance* p, uint32 nBlocks, int32 nLen) {
   SHeader* h = p->pHdr;
-  if (h->nFreeTop < nBlocks) return kNil;
-  uint32 nTop = h->nFreeTop;
+  uint32 nTop = h->nFreeTop.load(std::memory_order_relaxed);
+  if (nTop < nBlocks) return kNil;
   uint32 nFirst = p->pStack[nTop - 1];
   for (uint32 k = 0; k < nBlocks; ++k) {
     block(p, p->pStack[nTop - 1 - k])->nNext = k + 1 < nBlocks ? p->pStack[nTop - 2 - k] : kNil;
@@ -230,7 +230,7 @@ uint32 alloc_chain(proccomm_instance* p, uint32 nBlocks, int32 nLen) {
   pFirst->nNextMsg = kNil;
   pFirst->nMsgLen = static_cast<uint32>(nLen);
   pFirst->nMsgBlocks = nBlocks;
-  h->nFreeTop = nTop - nBlocks;
+  h->nFreeTop.store(nTop - nBlocks, std::memory_order_relaxed);
   return nFirst;
 }
 
@@ -241,16 +241,17 @@ uint32 alloc_chain(proccomm_instance* p, uint32 nBlocks, int32 nLen) {
 // (Repair rebuilds the stack).
 void free_chain(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
   SHeader* h = p->pHdr;
-  uint32 nRoom = p->nBlocks - h->nFreeTop;
+  uint32 nTop = h->nFreeTop.load(std::memory_order_relaxed);
+  uint32 nRoom = p->nBlocks - nTop;
   uint32 n = 0;
   for (uint32 b = nFirst; n < nBlocks && n < nRoom && b < p->nBlocks; b = block(p, b)->nNext) ++n;
   uint32 b = nFirst;
   for (uint32 k = 0; k < n; ++k) {
-    p->pStack[h->nFreeTop + n - 1 - k] = b;
+    p->pStack[nTop + n - 1 - k] = b;
     b = block(p, b)->nNext;
   }
   crash_order();
-  h->nFreeTop += n;
+  h->nFreeTop.store(nTop + n, std::memory_order_relaxed);
 }
 
 // Queue append. A crash between the two link stores leaves the message
@@ -320,6 +321,7 @@ int32 inflight_take(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
     e.nBlocks = nBlocks;
     crash_order();
     e.nAttach = p->nAttach;  // last: an entry with an owner is complete
+    p->pHdr->nInflightUsed.fetch_add(1, std::memory_order_relaxed);
     return i;
   }
   return -1;
@@ -334,10 +336,11 @@ void reclaim_slot(proccomm_instance* p, int32 nSlot) {
   for (int32 i = 0; i < zdpc::kMaxInflight; ++i) {
     SInflight& e = h->inflight[i];
     if (e.nAttach != nSlot) continue;
-    uint32 nBefore = h->nFreeTop;
+    uint32 nBefore = h->nFreeTop.load();
     free_chain(p, e.nFirst, e.nBlocks);
-    bump(h->nReclaimedBlocks, h->nFreeTop - nBefore);
+    bump(h->nReclaimedBlocks, h->nFreeTop.load() - nBefore);
     e.nAttach = -1;
+    h->nInflightUsed.fetch_sub(1, std::memory_order_relaxed);
   }
   if (h->attach[nSlot].bUsed) {
     h->attach[nSlot].bUsed = 0;
@@ -432,7 +435,7 @@ bool mark_chain(proccomm_instance* p, uint32 nFirst, uint32 nBlocks, uint32 nLen
 void repair(proccomm_instance* p) {
   SHeader* h = p->pHdr;
   memset(p->pBitmap, 0, (p->nBlocks + 7) / 8);
-  uint32 nFreeBefore = h->nFreeTop;
+  uint32 nFreeBefore = h->nFreeTop.load();
 
   h->nAttached = 0;
   for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
@@ -443,14 +446,18 @@ void repair(proccomm_instance* p) {
       h->nAttached++;
     }
   }
+  int32 nInflight = 0;
   for (int32 i = 0; i < zdpc::kMaxInflight; ++i) {
     SInflight& e = h->inflight[i];
     if (e.nAttach < 0) continue;
     if (e.nAttach >= PROCCOMM_MAX_ATTACH || !h->attach[e.nAttach].bUsed ||
         !mark_chain(p, e.nFirst, e.nBlocks, 0)) {
       e.nAttach = -1;
+    } else {
+      nInflight++;
     }
   }
+  h->nInflightUsed.store(nInflight);
   h->nQueuesInUse = 0;
   for (uint32 qi = 0; qi < p->nMaxQueues; ++qi) {
     SQueue* q = &p->pQueues[qi];
@@ -475,11 +482,12 @@ void repair(proccomm_instance* p) {
     q->nCount.store(nCount);
     if (q->nRefs < 0) q->nRefs = 0;
   }
-  h->nFreeTop = 0;
+  uint32 nTop = 0;
   for (uint32 b = p->nBlocks; b-- > 0;) {  // lowest index on top
-    if (!marked(p, b)) p->pStack[h->nFreeTop++] = b;
+    if (!marked(p, b)) p->pStack[nTop++] = b;
   }
-  if (h->nFreeTop > nFreeBefore) bump(h->nReclaimedBlocks, h->nFreeTop - nFreeBefore);
+  h->nFreeTop.store(nTop);
+  if (nTop > nFreeBefore) bump(h->nReclaimedBlocks, nTop - nFreeBefore);
   bump(h->nRecoveries);
 }
 
@@ -489,10 +497,14 @@ void repair(proccomm_instance* p) {
 // most to a receiver that has just been woken by the sender (the sender
 // often takes the lock again at once for its next call).
 int32 lock(proccomm_instance* p) {
-  int r = EBUSY;
+  // Spin on reading the lock word (glibc keeps the owner's thread id there,
+  // 0 when free) and try only when it looks free: a failed try would take
+  // the cache line away from the holder.
+  int r = pthread_mutex_trylock(&p->pHdr->mutex);
   for (int i = 0; i < kLockSpins && r == EBUSY; ++i) {
-    r = pthread_mutex_trylock(&p->pHdr->mutex);
-    if (r == EBUSY) __builtin_ia32_pause();
+    __builtin_ia32_pause();
+    if (__atomic_load_n(&p->pHdr->mutex.__data.__lock, __ATOMIC_RELAXED) == 0)
+      r = pthread_mutex_trylock(&p->pHdr->mutex);
   }
   if (r == EBUSY) r = pthread_mutex_lock(&p->pHdr->mutex);
   if (r == 0) return 0;
@@ -637,7 +649,8 @@ int32 create_instance(proccomm_instance* p, const SGeometry& geo) {
   for (uint32 qi = 0; qi < p->nMaxQueues; ++qi) new (&p->pQueues[qi]) SQueue{};
   // Lower indices on top: a fresh instance hands out blocks in address order.
   for (uint32 b = 0; b < p->nBlocks; ++b) p->pStack[b] = p->nBlocks - 1 - b;
-  h->nFreeTop = p->nBlocks;
+  h->nFreeTop.store(p->nBlocks);
+  h->nInflightUsed.store(0);
   p->bCreator = true;
   nRet = claim_slot(p);
   if (nRet != 0) {
@@ -748,6 +761,7 @@ void take_message(proccomm_instance* p, SQueue* q, char* pBuf, int32* pnLen) {
       // chain is no longer ours to free.
       if (h->inflight[nEntry].nAttach == p->nAttach && h->inflight[nEntry].nFirst == nFirst) {
         h->inflight[nEntry].nAttach = -1;
+        h->nInflightUsed.fetch_sub(1, std::memory_order_relaxed);
         crash_order();
         free_chain(p, nFirst, nBlocks);
       }
@@ -923,6 +937,14 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
     bump(h->nRefusedNoSpace);
     return EC_RD_PROCCOMM_NO_SPACE;
   }
+  // No room and nothing a dead process could give back: refuse without the
+  // lock, so that a sender retrying on a full pool does not slow down the
+  // receivers that are making room.
+  if (h->nFreeTop.load(std::memory_order_relaxed) < nBlocks &&
+      h->nInflightUsed.load(std::memory_order_relaxed) == 0) {
+    bump(h->nRefusedNoSpace);
+    return EC_RD_PROCCOMM_NO_SPACE;
+  }
   int32 nRet = lock(p);
   if (nRet != 0) return nRet;
   SQueue* q = &p->pQueues[pq->nIndex];
@@ -952,6 +974,7 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
     // Clear the reservation before queueing: a chain is never owned by an
     // in-flight entry and a queue at once.
     h->inflight[nEntry].nAttach = -1;
+    h->nInflightUsed.fetch_sub(1, std::memory_order_relaxed);
     crash_order();
   }
   append(p, q, nFirst);
@@ -1053,11 +1076,13 @@ int32 proccomm_get_unused_queueid(ProcCommHandle p, int32* pnQueueId) {
 
 float64 proccomm_get_unused_block_percent(ProcCommHandle p) {
   if (!valid_instance(p)) return -1.0;
-  if (lock(p) != 0) return -1.0;
+  float64 fFree = static_cast<float64>(p->pHdr->nFreeTop.load()) / p->nBlocks;
+  if (fFree >= 0.3 || p->pHdr->nInflightUsed.load() == 0) return fFree;
   // Memory held by dead processes counts as free once it is found; look
   // only when it matters, since each look is a system call per process.
-  if (static_cast<float64>(p->pHdr->nFreeTop) < 0.3 * p->nBlocks) sweep_dead(p);
-  float64 fFree = static_cast<float64>(p->pHdr->nFreeTop) / p->nBlocks;
+  if (lock(p) != 0) return fFree;
+  sweep_dead(p);
+  fFree = static_cast<float64>(p->pHdr->nFreeTop.load()) / p->nBlocks;
   unlock(p);
   return fFree;
 }
@@ -1077,7 +1102,7 @@ int32 proccomm_get_stats(ProcCommHandle p, ProcCommStats* pStats) {
   pStats->nRecoveries = h->nRecoveries.load();
   pStats->nReclaimedBlocks = h->nReclaimedBlocks.load();
   pStats->nTotalBlocks = p->nBlocks;
-  pStats->nFreeBlocks = h->nFreeTop;
+  pStats->nFreeBlocks = h->nFreeTop.load();
   pStats->nBlockSize = static_cast<int32>(p->nBlockSize);
   pStats->nMaxQueues = static_cast<int32>(p->nMaxQueues);
   pStats->nQueuesInUse = h->nQueuesInUse;

@@ -99,7 +99,10 @@ struct SHeader {
   // Everything below is guarded by mutex (robust, process-shared). The
   // counters are atomics only so that stats can be read without the lock.
   alignas(64) pthread_mutex_t mutex;
-  uint32 nFreeTop;
+  // Written under the lock; read without it by a sender that checks for
+  // room before taking the lock, and by the free-share query.
+  std::atomic<uint32> nFreeTop;
+  std::atomic<int32> nInflightUsed;  // in-flight entries in use
   int32 nQueuesInUse;
   int32 nAttached;
   std::atomic<uint64> nSent;
