@@ -239,6 +239,39 @@ TEST_F(ProcCommProcessTest, SenderKilledHoldingTheLockDoesNotWedgeOthers) {
   proccomm_unreg(m_h, 21, hOther);
 }
 
+// The pool left full by a sender killed holding the lock, with no queue
+// holding anything to receive: the next send must still take the lock (the
+// kernel marked its owner dead), repair and succeed, though a full pool is
+// otherwise refused without locking.
+TEST_F(ProcCommProcessTest, FullPoolLeftByADeadLockHolderIsRepairedBySend) {
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 1, 256, 16, &m_h));
+  ProcCommQueueHandle hQ = nullptr;
+  ASSERT_EQ(0, proccomm_reg(m_h, 50, &hQ));
+  const uint32 nTotal = Stats().nTotalBlocks;
+  ASSERT_GT(nTotal, 64u);
+  char buf[256] = {};
+  for (uint32 i = 0; i < nTotal - 64; ++i) ASSERT_EQ(0, proccomm_send(hQ, buf, 256));
+  pid_t victim = Spawn([&] {
+    ProcCommHandle h = nullptr;
+    ProcCommQueueHandle h2 = nullptr;
+    if (proccomm_init(m_szName.c_str(), 1, 256, 16, &h) != 0 || proccomm_reg(h, 51, &h2) != 0)
+      return 2;
+    g_nHookPoint = PROCCOMM_HOOK_SEND_LOCKED;
+    g_bHookKills = true;
+    proccomm_test_set_hook(TestHook);
+    std::vector<char> big(16384, 'd');  // 64 blocks, copied under the lock
+    proccomm_send(h2, big.data(), 16384);
+    return 1;
+  });
+  EXPECT_EQ(128 + SIGKILL, WaitChild(victim));
+  EXPECT_EQ(0, proccomm_send(hQ, buf, 10));
+  EXPECT_DOUBLE_EQ(63.0 / nTotal, proccomm_get_unused_block_percent(m_h));
+  ProcCommStats st = Stats();
+  EXPECT_GE(st.nRecoveries, 1u);
+  EXPECT_EQ(63u, st.nFreeBlocks);
+  proccomm_unreg(m_h, 50, hQ);
+}
+
 // Killed while copying a large message outside the lock: its reserved
 // blocks are taken back once memory runs short, and nothing of it arrives.
 TEST_F(ProcCommProcessTest, SenderKilledWhileCopyingGivesItsBlocksBack) {

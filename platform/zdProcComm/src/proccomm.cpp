@@ -516,6 +516,12 @@ int32 lock(proccomm_instance* p) {
   return system_error(r);
 }
 
+// True when the kernel has marked the lock's owner dead: the next locker
+// repairs, so lock-free shortcuts must not skip taking it.
+inline bool lock_owner_died(proccomm_instance* p) {
+  return (__atomic_load_n(&p->pHdr->mutex.__data.__lock, __ATOMIC_RELAXED) & FUTEX_OWNER_DIED) != 0;
+}
+
 inline void unlock(proccomm_instance* p) { pthread_mutex_unlock(&p->pHdr->mutex); }
 
 void wake_every_queue(proccomm_instance* p) {
@@ -941,7 +947,7 @@ int32 proccomm_send(ProcCommQueueHandle pq, const char* pBuf, int32 nLen) {
   // lock, so that a sender retrying on a full pool does not slow down the
   // receivers that are making room.
   if (h->nFreeTop.load(std::memory_order_relaxed) < nBlocks &&
-      h->nInflightUsed.load(std::memory_order_relaxed) == 0) {
+      h->nInflightUsed.load(std::memory_order_relaxed) == 0 && !lock_owner_died(p)) {
     bump(h->nRefusedNoSpace);
     return EC_RD_PROCCOMM_NO_SPACE;
   }
@@ -1077,7 +1083,7 @@ int32 proccomm_get_unused_queueid(ProcCommHandle p, int32* pnQueueId) {
 float64 proccomm_get_unused_block_percent(ProcCommHandle p) {
   if (!valid_instance(p)) return -1.0;
   float64 fFree = static_cast<float64>(p->pHdr->nFreeTop.load()) / p->nBlocks;
-  if (fFree >= 0.3 || p->pHdr->nInflightUsed.load() == 0) return fFree;
+  if (fFree >= 0.3 || (p->pHdr->nInflightUsed.load() == 0 && !lock_owner_died(p))) return fFree;
   // Memory held by dead processes counts as free once it is found; look
   // only when it matters, since each look is a system call per process.
   if (lock(p) != 0) return fFree;
