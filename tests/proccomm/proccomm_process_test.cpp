@@ -447,3 +447,51 @@ TEST_F(ProcCommProcessTest, AttacherUsesTheCreatorsGeometry) {
 }
 
 }  // namespace
+
+// Attach only: never creates an instance, refuses a stale one and leaves it
+// for the next creator, and attaches to a live one like proccomm_init.
+TEST_F(ProcCommProcessTest, AttachOnlyNeedsALiveCreator) {
+  ProcCommHandle h = nullptr;
+  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_attach(m_szName.c_str(), nullptr));
+  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_attach(nullptr, &h));
+  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_attach("bad name", &h));
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
+  EXPECT_EQ(nullptr, h);
+  // Still nothing: the refused attach created no instance of its own.
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
+
+  CPipe ready;
+  pid_t service = Spawn([&] {
+    ProcCommHandle hS = nullptr;
+    ProcCommQueueHandle hQ = nullptr;
+    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &hS) != 0 || proccomm_reg(hS, 1, &hQ) != 0)
+      return 2;
+    ready.Signal();
+    for (;;) pause();
+  });
+  ASSERT_TRUE(ready.Wait());
+  ASSERT_EQ(0, proccomm_attach(m_szName.c_str(), &h));
+  ProcCommStats st{};
+  ASSERT_EQ(0, proccomm_get_stats(h, &st));
+  EXPECT_EQ(2, st.nAttached);
+  ProcCommQueueHandle hQ = nullptr;
+  ASSERT_EQ(0, proccomm_reg(h, 1, &hQ));
+  EXPECT_EQ(0, proccomm_send(hQ, "x", 1));
+
+  ASSERT_EQ(0, kill(service, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, WaitChild(service));
+  int32 nRet = 0;
+  for (int i = 0; i < 400 && (nRet = proccomm_send(hQ, "x", 1)) == 0; ++i) usleep(1000);
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, nRet);
+  proccomm_unreg(h, 1, hQ);
+  proccomm_release(h);
+  h = nullptr;
+  // The dead creator's object is still named, but it is not live.
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
+  EXPECT_EQ(nullptr, h);
+  // The next creator replaces it with a fresh instance.
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 8, 4096, 1000, &m_h));
+  EXPECT_EQ(0u, Stats().nSent);
+  ASSERT_EQ(0, proccomm_attach(m_szName.c_str(), &h));
+  proccomm_release(h);
+}

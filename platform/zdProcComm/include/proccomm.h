@@ -66,7 +66,9 @@ enum {
   /* too many processes attached (PROCCOMM_MAX_ATTACH) */
   EC_RD_PROCCOMM_NO_SLOT = 116110,
   /* unreg with an id or instance that do not match the queue handle */
-  EC_RD_PROCCOMM_NOT_REGISTERED = 116111
+  EC_RD_PROCCOMM_NOT_REGISTERED = 116111,
+  /* proccomm_attach: no instance of that name, or its creator is dead */
+  EC_RD_PROCCOMM_NO_INSTANCE = 116112
 };
 
 enum {
@@ -84,6 +86,11 @@ enum {
  * greatest number of queues alive at once (2..65536). */
 int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues,
                     ProcCommHandle* phOut);
+/* Attaches to the live instance szName (same name rules) without ever
+ * creating or replacing it: EC_RD_PROCCOMM_NO_INSTANCE when none exists or
+ * its creator died (the stale instance is left for the next proccomm_init).
+ * For collectors, which must not stand in for an absent service. */
+int32 proccomm_attach(const char* szName, ProcCommHandle* phOut);
 /* Detaches and frees the handle; the creator also removes the instance. */
 int32 proccomm_release(ProcCommHandle h);
 
