@@ -61,6 +61,15 @@ TEST_F(ProcCommTest, BadArgumentsAreRefusedWithAStatus) {
   // The queue table alone would not fit one MiB.
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("x", 1, 4096, 60000, &h));
   EXPECT_EQ(nullptr, h);
+  // A '/' cannot lead out of the shared-memory directory.
+  std::string szSlashed = UniqueName("a/b");
+  ASSERT_EQ(0, proccomm_init(szSlashed.c_str(), 1, 4096, 4, &h));
+  struct stat stSlash;
+  std::string szMapped = szSlashed;
+  szMapped[szMapped.find('/')] = '_';
+  EXPECT_EQ(0, stat(("/dev/shm/zdpcm." + szMapped).c_str(), &stSlash));
+  EXPECT_EQ(0, proccomm_release(h));
+  h = nullptr;
 
   Open();
   ProcCommQueueHandle hQ = nullptr;
@@ -388,6 +397,27 @@ TEST_F(ProcCommTest, QuitWakesAWaitingReceiverInAnotherThread) {
   ASSERT_EQ(0, proccomm_recv_quit(hQ));
   waiter.join();
   EXPECT_EQ(EC_RD_PROCCOMM_RECV_QUIT, nResult.load());
+}
+
+// Quit racing with the receiver going to sleep, many times: a lost wake-up
+// would leave the waiter asleep past the generous time-out.
+TEST_F(ProcCommTest, QuitRacingWithTheWaitIsNeverLost) {
+  Open();
+  for (int i = 0; i < 300; ++i) {
+    ProcCommQueueHandle hQ = nullptr;
+    ASSERT_EQ(0, proccomm_reg(m_h, 40, &hQ));
+    std::atomic<int32> nResult{-1};
+    std::thread waiter([&] {
+      char buf[8];
+      int32 nLen = 8;
+      nResult = proccomm_recv(hQ, buf, &nLen, 1, 3000);
+    });
+    for (int k = 0; k < (i % 7) * 50; ++k) std::this_thread::yield();
+    ASSERT_EQ(0, proccomm_recv_quit(hQ));
+    waiter.join();
+    ASSERT_EQ(EC_RD_PROCCOMM_RECV_QUIT, nResult.load()) << i;
+    ASSERT_EQ(0, proccomm_unreg(m_h, 40, hQ));
+  }
 }
 
 // Several senders and receivers in threads of one process, against a model:
