@@ -116,6 +116,13 @@ struct SHeader {
   SInflight inflight[kMaxInflight];
 };
 
+// Pinned for layout version 2 (x86-64, glibc's 40-byte pthread_mutex_t):
+// a change here must bump kLayoutVersion, so that a process of another
+// build refuses the instance (EC_RD_PROCCOMM_INCOMPATIBLE) instead of
+// misreading it.
+static_assert(sizeof(SHeader) == 2816);
+static_assert(offsetof(SHeader, mutex) == 128);
+
 }  // namespace zdpc
 
 #endif  // PLATFORM_ZDPROCCOMM_SRC_PROCCOMM_LAYOUT_H_
