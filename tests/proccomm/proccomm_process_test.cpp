@@ -431,6 +431,39 @@ TEST_F(ProcCommProcessTest, CreatorReleaseTellsAttachedProcesses) {
   EXPECT_EQ(0u, Stats().nSent);
 }
 
+// A collector killed with queues registered: its registrations go, so its
+// empty queue disappears and its id is free again, while a queue another
+// process still holds stays.
+TEST_F(ProcCommProcessTest, RegistrationsOfADeadProcessAreDropped) {
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 8, 4096, 16, &m_h));
+  ProcCommQueueHandle hShared = nullptr;
+  ASSERT_EQ(0, proccomm_reg(m_h, 2, &hShared));
+  CPipe ready;
+  pid_t victim = Spawn([&] {
+    ProcCommHandle h = nullptr;
+    ProcCommQueueHandle h2 = nullptr, h3 = nullptr, h3b = nullptr;
+    if (proccomm_init(m_szName.c_str(), 8, 4096, 16, &h) != 0) return 2;
+    if (proccomm_reg(h, 2, &h2) != 0 || proccomm_reg(h, 3, &h3) != 0 ||
+        proccomm_reg(h, 3, &h3b) != 0)
+      return 3;
+    ready.Signal();
+    for (;;) pause();
+  });
+  ASSERT_TRUE(ready.Wait());
+  EXPECT_EQ(2, Stats().nQueuesInUse);
+  ASSERT_EQ(0, kill(victim, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, WaitChild(victim));
+  ProcCommStats st = Stats();  // finds the dead process
+  EXPECT_EQ(1, st.nAttached);
+  EXPECT_EQ(1, st.nQueuesInUse);
+  int32 nId = 0;
+  ASSERT_EQ(0, proccomm_get_unused_queueid(m_h, &nId));
+  EXPECT_EQ(3, nId);
+  // Queue 2 still has our handle: one unreg frees it.
+  ASSERT_EQ(0, proccomm_unreg(m_h, 2, hShared));
+  EXPECT_EQ(0, Stats().nQueuesInUse);
+}
+
 // Attachers take the creator's geometry whatever they ask for.
 TEST_F(ProcCommProcessTest, AttacherUsesTheCreatorsGeometry) {
   ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 2, 1024, 50, &m_h));

@@ -337,6 +337,43 @@ TEST_F(ProcCommTest, QueueIdsAreFreedAndReused) {
   EXPECT_EQ(1, Stats().nQueuesInUse);
 }
 
+// A full table makes room for a new queue by dropping one that nobody has
+// registered (a reply for a collector that never came); queues with a
+// handle are never dropped.
+TEST_F(ProcCommTest, FullTableEvictsOnlyAnUnregisteredQueue) {
+  Open(1, 4096, 4);
+  ProcCommQueueHandle hKeep = Reg(1);
+  const uint32 nTotal = Stats().nTotalBlocks;
+  for (int32 nId = 2; nId <= 4; ++nId) {
+    ProcCommQueueHandle h = nullptr;
+    ASSERT_EQ(0, proccomm_reg(m_h, nId, &h));
+    std::vector<char> buf(static_cast<size_t>(nId) * 4096, 'o');
+    ASSERT_EQ(0, proccomm_send(h, buf.data(), static_cast<int32>(buf.size())));
+    ASSERT_EQ(0, proccomm_unreg(m_h, nId, h));  // left holding its message
+  }
+  ASSERT_EQ(0, proccomm_send(hKeep, "k", 1));
+  EXPECT_EQ(4, Stats().nQueuesInUse);
+  int32 nId = 0;
+  ASSERT_EQ(0, proccomm_get_unused_queueid(m_h, &nId));  // an orphan can make way
+  EXPECT_EQ(5, nId);
+  ProcCommQueueHandle hNew = Reg(nId);
+  ASSERT_NE(nullptr, hNew);
+  ProcCommStats st = Stats();
+  EXPECT_EQ(1u, st.nEvictedQueues);
+  EXPECT_EQ(4, st.nQueuesInUse);
+  EXPECT_EQ(nTotal - 1 - (3 + 4), st.nFreeBlocks);  // queue 2's two blocks came back
+  // Fill the table with registered queues: nothing more can be evicted.
+  Reg(6);
+  Reg(7);
+  ProcCommQueueHandle hNone = nullptr;
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_QUEUE, proccomm_reg(m_h, 8, &hNone));
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_QUEUE, proccomm_get_unused_queueid(m_h, &nId));
+  char c;
+  int32 nLen = 1;
+  ASSERT_EQ(0, proccomm_recv(hKeep, &c, &nLen, 0, 0));
+  EXPECT_EQ('k', c);
+}
+
 TEST_F(ProcCommTest, TimeoutsAndImmediateReturns) {
   Open();
   ProcCommQueueHandle hQ = Reg(5);

@@ -90,7 +90,10 @@ int32 proccomm_release(ProcCommHandle h);
 /* Attaches to queue nQueueId (>= 1), creating it when new. Each successful
  * reg returns its own handle (with its own quit latch) and must be matched
  * by one unreg. A queue disappears when its last handle is unregistered and
- * it holds no message; until then its id is in use. */
+ * it holds no message; until then its id is in use. The registrations of a
+ * process that dies are dropped. When the table is full, a new queue takes
+ * the place of a queue that nobody has registered (its messages are
+ * dropped and counted in ProcCommStats.nEvictedQueues). */
 int32 proccomm_reg(ProcCommHandle h, int32 nQueueId, ProcCommQueueHandle* phQueue);
 int32 proccomm_unreg(ProcCommHandle h, int32 nQueueId, ProcCommQueueHandle hQueue);
 
@@ -132,6 +135,7 @@ typedef struct ProcCommStats {
   uint64 nRefusedTooLarge; /* sends refused with EC_RD_PROCCOMM_MSG_TOO_LARGE */
   uint64 nRecoveries;      /* repairs after a process died holding the lock */
   uint64 nReclaimedBlocks; /* blocks taken back from dead processes */
+  uint64 nEvictedQueues;   /* unregistered queues dropped, with their messages, for a new one */
   uint32 nTotalBlocks;     /* blocks in the pool */
   uint32 nFreeBlocks;      /* blocks free now */
   int32 nBlockSize;        /* bytes per block */

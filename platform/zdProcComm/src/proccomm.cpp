@@ -327,6 +327,58 @@ int32 inflight_take(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
   return -1;
 }
 
+// Frees queue slot q (lock held): its messages' chains go back to the pool.
+void free_queue(proccomm_instance* p, SQueue* q) {
+  uint32 b = q->nHead;
+  for (uint32 n = q->nCount.load(std::memory_order_relaxed); n > 0 && b < p->nBlocks; --n) {
+    uint32 nNextMsg = block(p, b)->nNextMsg;
+    free_chain(p, b, block(p, b)->nMsgBlocks);
+    b = nNextMsg;
+  }
+  q->nHead = kNil;
+  q->nTail = kNil;
+  q->nCount.store(0);
+  q->nRefs = 0;
+  crash_order();
+  q->nId = 0;
+  p->pHdr->nQueuesInUse--;
+}
+
+// Records one more (nDelta 1) or one less (-1) handle of our slot on queue
+// slot nQueue (lock held).
+void track_reg(proccomm_instance* p, uint32 nQueue, int32 nDelta) {
+  zdpc::SAttachReg* pRegs = p->pHdr->attach[p->nAttach].regs;
+  zdpc::SAttachReg* pFree = nullptr;
+  for (int32 i = 0; i < zdpc::kMaxRegsPerAttach; ++i) {
+    if (pRegs[i].nCount > 0 && pRegs[i].nQueue == nQueue) {
+      pRegs[i].nCount += nDelta;
+      return;
+    }
+    if (pRegs[i].nCount <= 0 && pFree == nullptr) pFree = &pRegs[i];
+  }
+  if (nDelta > 0 && pFree != nullptr) {
+    pFree->nQueue = nQueue;
+    pFree->nCount = nDelta;
+  }
+}
+
+// Drops the queue registrations of slot nSlot (a dead process, or our own
+// release); a queue left without handles and messages is freed (lock held,
+// queue counts consistent).
+void drop_regs(proccomm_instance* p, int32 nSlot) {
+  zdpc::SAttachReg* pRegs = p->pHdr->attach[nSlot].regs;
+  for (int32 i = 0; i < zdpc::kMaxRegsPerAttach; ++i) {
+    if (pRegs[i].nCount > 0 && pRegs[i].nQueue < p->nMaxQueues) {
+      SQueue* q = &p->pQueues[pRegs[i].nQueue];
+      if (q->nId != 0) {
+        q->nRefs = q->nRefs > pRegs[i].nCount ? q->nRefs - pRegs[i].nCount : 0;
+        if (q->nRefs == 0 && q->nCount.load() == 0) free_queue(p, q);
+      }
+    }
+    pRegs[i].nCount = 0;
+  }
+}
+
 // Drops attach slot nSlot of a dead process and gives its in-flight chains
 // back to the free stack. Only called when the lock is consistent, so no
 // such chain is also on a queue (send queues a chain only after clearing its
@@ -343,6 +395,7 @@ void reclaim_slot(proccomm_instance* p, int32 nSlot) {
     h->nInflightUsed.fetch_sub(1, std::memory_order_relaxed);
   }
   if (h->attach[nSlot].bUsed) {
+    drop_regs(p, nSlot);
     h->attach[nSlot].bUsed = 0;
     h->nAttached--;
   }
@@ -438,10 +491,12 @@ void repair(proccomm_instance* p) {
   uint32 nFreeBefore = h->nFreeTop.load();
 
   h->nAttached = 0;
+  bool bDead[PROCCOMM_MAX_ATTACH] = {};
   for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
     if (!h->attach[i].bUsed) continue;
     if (i != p->nAttach && !byte_held_by_other(p->nFd, zdpc::kLockByteAttach0 + i)) {
       h->attach[i].bUsed = 0;
+      bDead[i] = true;
     } else {
       h->nAttached++;
     }
@@ -481,6 +536,11 @@ void repair(proccomm_instance* p) {
     q->nTail = nPrev;
     q->nCount.store(nCount);
     if (q->nRefs < 0) q->nRefs = 0;
+  }
+  // With the queues consistent again, the dead processes' registrations go
+  // (a queue freed here is empty, so it gives no block back).
+  for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
+    if (bDead[i]) drop_regs(p, i);
   }
   uint32 nTop = 0;
   for (uint32 b = p->nBlocks; b-- > 0;) {  // lowest index on top
@@ -601,6 +661,7 @@ int32 claim_slot(proccomm_instance* p) {
   for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
     if (ofd_lock(p->nFd, zdpc::kLockByteAttach0 + i, false) != 0) continue;  // a live owner
     if (h->attach[i].bUsed) reclaim_slot(p, i);  // its owner died without releasing
+    for (int32 k = 0; k < zdpc::kMaxRegsPerAttach; ++k) h->attach[i].regs[k].nCount = 0;
     h->attach[i].nPid = getpid();
     h->attach[i].bUsed = 1;
     h->nAttached++;
@@ -882,6 +943,18 @@ int32 proccomm_reg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle* phQueu
     }
     if (nFree == kNil && p->pQueues[qi].nId == 0) nFree = qi;
   }
+  if (nFound == kNil && nFree == kNil) {
+    // The table is full: a queue nobody has registered (messages for a
+    // process that never came or died) makes way. Its messages are dropped.
+    for (uint32 qi = 0; qi < p->nMaxQueues; ++qi) {
+      if (p->pQueues[qi].nRefs == 0) {
+        free_queue(p, &p->pQueues[qi]);
+        bump(p->pHdr->nEvictedQueues);
+        nFree = qi;
+        break;
+      }
+    }
+  }
   if (nFound == kNil && nFree != kNil) {
     SQueue* q = &p->pQueues[nFree];
     q->nRefs = 0;
@@ -893,7 +966,10 @@ int32 proccomm_reg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle* phQueu
     p->pHdr->nQueuesInUse++;
     nFound = nFree;
   }
-  if (nFound != kNil) p->pQueues[nFound].nRefs++;
+  if (nFound != kNil) {
+    p->pQueues[nFound].nRefs++;
+    track_reg(p, nFound, 1);
+  }
   unlock(p);
   if (nFound == kNil) {
     delete pq;
@@ -916,6 +992,7 @@ int32 proccomm_unreg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle pq) {
   SQueue* q = &p->pQueues[pq->nIndex];
   if (q->nId == nQueueId) {
     if (q->nRefs > 0) q->nRefs--;
+    track_reg(p, pq->nIndex, -1);
     // A queue still holding messages stays (and keeps its id in use) until
     // someone registers and drains it.
     if (q->nRefs == 0 && q->nCount.load() == 0) {
@@ -1062,8 +1139,12 @@ int32 proccomm_get_unused_queueid(ProcCommHandle p, int32* pnQueueId) {
   int32 nRet = lock(p);
   if (nRet != 0) return nRet;
   if (p->pHdr->nQueuesInUse >= static_cast<int32>(p->nMaxQueues)) {
-    unlock(p);
-    return EC_RD_PROCCOMM_NO_QUEUE;
+    bool bOrphan = false;  // a reg of a new id would evict it
+    for (uint32 qi = 0; qi < p->nMaxQueues && !bOrphan; ++qi) bOrphan = p->pQueues[qi].nRefs == 0;
+    if (!bOrphan) {
+      unlock(p);
+      return EC_RD_PROCCOMM_NO_QUEUE;
+    }
   }
   // Fewer than nMaxQueues ids are taken, so one of 2..nMaxQueues+1 is free:
   // mark the taken ones of that range and pick the lowest free.
@@ -1107,6 +1188,7 @@ int32 proccomm_get_stats(ProcCommHandle p, ProcCommStats* pStats) {
   pStats->nRefusedTooLarge = h->nRefusedTooLarge.load();
   pStats->nRecoveries = h->nRecoveries.load();
   pStats->nReclaimedBlocks = h->nReclaimedBlocks.load();
+  pStats->nEvictedQueues = h->nEvictedQueues.load();
   pStats->nTotalBlocks = p->nBlocks;
   pStats->nFreeBlocks = h->nFreeTop.load();
   pStats->nBlockSize = static_cast<int32>(p->nBlockSize);
