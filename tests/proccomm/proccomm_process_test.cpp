@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <thread>
@@ -462,6 +463,34 @@ TEST_F(ProcCommProcessTest, RegistrationsOfADeadProcessAreDropped) {
   // Queue 2 still has our handle: one unreg frees it.
   ASSERT_EQ(0, proccomm_unreg(m_h, 2, hShared));
   EXPECT_EQ(0, Stats().nQueuesInUse);
+}
+
+// proccomm_attach never creates: it finds no instance, then the live one,
+// then leaves a stale one for the next creator.
+TEST_F(ProcCommProcessTest, AttachOnlyNeverCreatesOrReplaces) {
+  std::string szPath = "/dev/shm/zdpcm." + m_szName;
+  struct stat st;
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, proccomm_attach(m_szName.c_str(), &m_h));
+  EXPECT_EQ(nullptr, m_h);
+  EXPECT_NE(0, stat(szPath.c_str(), &st));
+  CPipe ready;
+  pid_t creator = Spawn([&] {
+    ProcCommHandle h = nullptr;
+    if (proccomm_init(m_szName.c_str(), 2, 4096, 10, &h) != 0) return 2;
+    ready.Signal();
+    for (;;) pause();
+  });
+  ASSERT_TRUE(ready.Wait());
+  ASSERT_EQ(0, proccomm_attach(m_szName.c_str(), &m_h));
+  EXPECT_EQ(2, Stats().nAttached);
+  ASSERT_EQ(0, kill(creator, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, WaitChild(creator));
+  ASSERT_EQ(0, proccomm_release(m_h));
+  m_h = nullptr;
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, proccomm_attach(m_szName.c_str(), &m_h));
+  EXPECT_EQ(0, stat(szPath.c_str(), &st));  // still there, for the service to replace
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 2, 4096, 10, &m_h));
+  EXPECT_EQ(1, Stats().nAttached);
 }
 
 // Attachers take the creator's geometry whatever they ask for.

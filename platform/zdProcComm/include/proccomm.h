@@ -84,6 +84,12 @@ enum {
  * greatest number of queues alive at once (2..65536). */
 int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues,
                     ProcCommHandle* phOut);
+/* Attaches to the live instance szName, never creating one: for collectors,
+ * so that one started before the service does not become the creator (and
+ * take the instance away when it exits). EC_RD_PROCCOMM_GONE when there is
+ * no instance or only a stale one (retry later). */
+int32 proccomm_attach(const char* szName, ProcCommHandle* phOut);
+
 /* Detaches and frees the handle; the creator also removes the instance. */
 int32 proccomm_release(ProcCommHandle h);
 

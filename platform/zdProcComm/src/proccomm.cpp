@@ -745,12 +745,13 @@ void retire_stale(proccomm_instance* p, size_t nSize) {
 }
 
 // Under the name's init lock: attach to a live instance, or replace a stale
-// one, or create it.
-int32 open_locked(proccomm_instance* p, const SGeometry& geo) {
+// one, or create it. With no geometry (attach only), a missing or stale
+// instance is EC_RD_PROCCOMM_GONE and is left for its creator to replace.
+int32 open_locked(proccomm_instance* p, const SGeometry* pGeo) {
   p->nFd = shm_open(p->szShmName, O_RDWR | O_CLOEXEC, 0);
   if (p->nFd < 0) {
     if (errno != ENOENT) return system_error(errno);
-    return create_instance(p, geo);
+    return pGeo != nullptr ? create_instance(p, *pGeo) : EC_RD_PROCCOMM_GONE;
   }
   struct stat st;
   if (fstat(p->nFd, &st) != 0) {
@@ -760,8 +761,12 @@ int32 open_locked(proccomm_instance* p, const SGeometry& geo) {
   }
   size_t nSize = static_cast<size_t>(st.st_size);
   if (!byte_held_by_other(p->nFd, zdpc::kLockByteCreator)) {
+    if (pGeo == nullptr) {
+      unmap_close(p);
+      return EC_RD_PROCCOMM_GONE;
+    }
     retire_stale(p, nSize);
-    return create_instance(p, geo);
+    return create_instance(p, *pGeo);
   }
   int32 nRet = nSize >= sizeof(SHeader) ? map_fd(p, nSize) : EC_RD_PROCCOMM_INCOMPATIBLE;
   SHeader* h = reinterpret_cast<SHeader*>(p->pBase);
@@ -838,31 +843,8 @@ void take_message(proccomm_instance* p, SQueue* q, char* pBuf, int32* pnLen) {
   *pnLen = nCopy;
 }
 
-}  // namespace
-
-extern "C" {
-
-void proccomm_test_set_hook(ProcCommTestHook fn) { g_pHook.store(fn); }
-
-int32 proccomm_set_create_mode(uint32 nMode) {
-  if ((nMode & ~kModeBits) != 0) return EC_RD_PROCCOMM_INVALID_ARG;
-  g_nCreateMode.store(static_cast<int32>(nMode));
-  return 0;
-}
-
-int32 proccomm_last_errno(void) { return t_nLastErrno; }
-
-int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues,
-                    ProcCommHandle* phOut) {
-  if (phOut == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
-  *phOut = nullptr;
-  if (szName == nullptr || nMemSizeMb < 1 || nMemSizeMb > 65536 || nBlockSize < 256 ||
-      nBlockSize > PROCCOMM_MAX_MSG_LEN || nBlockSize % 64 != 0 || nMaxQueues < 2 ||
-      nMaxQueues > 65536)
-    return EC_RD_PROCCOMM_INVALID_ARG;
-  SGeometry geo;
-  if (!compute_geometry(nMemSizeMb, nBlockSize, nMaxQueues, &geo))
-    return EC_RD_PROCCOMM_INVALID_ARG;
+int32 open_instance(const char* szName, const SGeometry* pGeo, ProcCommHandle* phOut) {
+  if (szName == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
   proccomm_instance* p = new (std::nothrow) proccomm_instance;
   if (p == nullptr) return system_error(ENOMEM);
   p->nMagic = 0;
@@ -882,7 +864,7 @@ int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int3
     delete p;
     return nRet;
   }
-  int32 nRet = open_locked(p, geo);
+  int32 nRet = open_locked(p, pGeo);
   close(nLockFd);
   if (nRet != 0) {
     delete p;
@@ -891,6 +873,40 @@ int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int3
   p->nMagic = kInstanceMagic;
   *phOut = p;
   return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+void proccomm_test_set_hook(ProcCommTestHook fn) { g_pHook.store(fn); }
+
+int32 proccomm_set_create_mode(uint32 nMode) {
+  if ((nMode & ~kModeBits) != 0) return EC_RD_PROCCOMM_INVALID_ARG;
+  g_nCreateMode.store(static_cast<int32>(nMode));
+  return 0;
+}
+
+int32 proccomm_last_errno(void) { return t_nLastErrno; }
+
+int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues,
+                    ProcCommHandle* phOut) {
+  if (phOut == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
+  *phOut = nullptr;
+  if (nMemSizeMb < 1 || nMemSizeMb > 65536 || nBlockSize < 256 ||
+      nBlockSize > PROCCOMM_MAX_MSG_LEN || nBlockSize % 64 != 0 || nMaxQueues < 2 ||
+      nMaxQueues > 65536)
+    return EC_RD_PROCCOMM_INVALID_ARG;
+  SGeometry geo;
+  if (!compute_geometry(nMemSizeMb, nBlockSize, nMaxQueues, &geo))
+    return EC_RD_PROCCOMM_INVALID_ARG;
+  return open_instance(szName, &geo, phOut);
+}
+
+int32 proccomm_attach(const char* szName, ProcCommHandle* phOut) {
+  if (phOut == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
+  *phOut = nullptr;
+  return open_instance(szName, nullptr, phOut);
 }
 
 int32 proccomm_release(ProcCommHandle p) {
