@@ -17,8 +17,8 @@
  *    own size arguments are only checked for range.
  *  - proccomm_release detaches. When the creator releases, the instance is
  *    marked gone and removed from the name space; the other attachers then
- *    get EC_RD_PROCCOMM_GONE from send and recv, and should release and call
- *    proccomm_init again. A creator that died without releasing is noticed
+ *    get EC_RD_PROCCOMM_GONE from send, recv and reg, and should release and
+ *    attach again (collectors: proccomm_attach), then re-announce. A creator that died without releasing is noticed
  *    by senders and receivers within about 100 ms.
  *  - A handle is not inherited across fork(): a child calls proccomm_init.
  *    Queue handles must be unregistered before their instance is released.
@@ -115,8 +115,8 @@ int32 proccomm_unreg(ProcCommHandle h, int32 nQueueId, ProcCommQueueHandle hQueu
  * the rest is dropped and counted in ProcCommStats.nCutMessages. */
 int32 proccomm_recv(ProcCommQueueHandle hQueue, char* pBuf, int32* pnLen, int32 bWait,
                     uint32 nTimeoutMs);
-/* Latches quit on the handle and wakes its waiting receive. Async-safe with
- * respect to other threads; may be called before, during or after a wait. */
+/* Latches quit on the handle and wakes its waiting receive. Meant to be
+ * called from another thread; may come before, during or after a wait. */
 int32 proccomm_recv_quit(ProcCommQueueHandle hQueue);
 
 /* Copies one message (1..PROCCOMM_MAX_MSG_LEN bytes) into the queue and
@@ -126,7 +126,7 @@ int32 proccomm_recv_quit(ProcCommQueueHandle hQueue);
 int32 proccomm_send(ProcCommQueueHandle hQueue, const char* pBuf, int32 nLen);
 
 /* The smallest queue id > 1 that no queue uses, or EC_RD_PROCCOMM_NO_QUEUE
- * when the queue table is full. */
+ * when the queue table is full of registered queues. */
 int32 proccomm_get_unused_queueid(ProcCommHandle h, int32* pnQueueId);
 
 /* The free share of the message pool, 0.0..1.0 (-1.0 for a null handle). */
