@@ -518,7 +518,8 @@ int32 CCacheFile::WalkSrvInfoChain(std::vector<int32>* pChain) {
 // the first copy and drops the second (same head block). A tail block that
 // empties leaves the chain by a header write naming its predecessor as the
 // tail before it is pushed on the idle list, so no block is ever both in the
-// chain and idle. Moves inside one block are written with the block.
+// chain and idle. Every block written back whole at the end of its turn
+// differs from the file only in its first 12 bytes (next link and count).
 int32 CCacheFile::LoadSrvsInfo() {
   FileBaseInfo& fb = m_fileBlockInfo;
   if (fb.nSrvInfoHeadNo != 0 || fb.nSrvInfoTailNo < 0) return EC_CACHE_BAD_HEADER;
@@ -610,10 +611,17 @@ int32 CCacheFile::LoadSrvsInfo() {
       }
       delete pSrv;
       if (nCurIdx == nTailIdx) {
-        // Move inside the block; written with the block at the end.
+        // Move inside the block: the copy is written at once, the lower
+        // count with the block at the end, so the final block write changes
+        // only its first 12 bytes and a torn one loses nothing.
         if (i != nCount - 1) {
           memcpy(pEntry, cur.p + kSibHeaderSize + static_cast<int64>(nCount - 1) * kEntrySize,
                  kEntrySize);
+          nRet = WriteAt(EntryOffset(nCurBlock, i + 1, nBlockSize), pEntry, kEntrySize);
+          if (nRet != 0) {
+            LOGC_WRITE(m_cat, LL_ERROR, nRet, "save srv info to disk failed");
+            return nRet;
+          }
         }
         --nCount;
         continue;
