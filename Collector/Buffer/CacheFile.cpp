@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <new>
+#include <vector>
 
 #include "CacheFileFormat.h"
 #include "zd_errcode.h"
@@ -28,6 +29,23 @@ constexpr int32 kVictimLockWaitMs = 1;
 // that save and picking that same entry must not take the block being
 // written or drop the record being saved.
 thread_local const SrvInfo* t_pSavingSrv = nullptr;
+
+// What the last successful ReadCurRecord on this thread found: where the
+// record ends and which blocks lie before its end, so that the removal that
+// follows needs no read. Valid only for the exact entry state it was taken in.
+struct ReadCursor {
+  bool bValid = false;
+  uint64 nEpoch = 0;
+  const SrvInfo* pSrv = nullptr;
+  int32 nHeadNo = 0, nReadOffset = 0, nTailNo = 0, nWriteOffset = 0, nBlockNumUsed = 0;
+  int32 nEndBlock = 0, nEndPos = 0;
+  std::vector<int32> vecLeft;
+};
+thread_local ReadCursor t_cursor;
+// Whole small blocks are read into this per-thread buffer.
+thread_local std::vector<char> t_stage;
+// Tells apart the openings of cache files, so a cursor never outlives one.
+std::atomic<uint64> g_nEpoch{0};
 
 class CLock {
  public:
@@ -122,7 +140,12 @@ void CopyField(char* pDst, int32 nFieldSize, const char* szSrc) {
 }  // namespace
 
 CCacheFile::CCacheFile()
-    : m_hFile(-1), m_nMaxFileSize(0), m_fileBlockInfo(), m_cat(nullptr), m_nMaxBlocks(0) {}
+    : m_hFile(-1),
+      m_nMaxFileSize(0),
+      m_fileBlockInfo(),
+      m_cat(nullptr),
+      m_nMaxBlocks(0),
+      m_nEpoch(0) {}
 
 CCacheFile::~CCacheFile() = default;
 
@@ -156,6 +179,7 @@ int32 CCacheFile::Init(const char* szVersion, const char* szFileName, int32 nMax
   FileBaseInfo& fb = m_fileBlockInfo;
   m_cat = logc_get_category(kLogCategory);
   m_nMaxFileSize = nMaxFileSize;
+  m_nEpoch = ++g_nEpoch;
   memset(fb.szVersion, 0, sizeof(fb.szVersion));
   memcpy(fb.szVersion, szVersion, strnlen(szVersion, kVersionMaxChars));
 
@@ -1053,6 +1077,7 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
     return EC_CACHE_REC_TOO_LARGE;
   }
   CLock lock(hSrvInfo->mutexSrv);
+  t_cursor.bValid = false;
   const SrvInfo* pPrevSaving = t_pSavingSrv;
   t_pSavingSrv = hSrvInfo;
   struct CRestoreSaving {
@@ -1169,49 +1194,69 @@ int32 CCacheFile::ReadCurRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32* pL
   const int32 nBlockSize = m_fileBlockInfo.nBlockSize;
   CLock lock(hSrvInfo->mutexSrv);
   if (hSrvInfo->nHeadNo == kNoBlock) return EC_CACHE_EMPTY;
+  ReadCursor& cursor = t_cursor;
+  cursor.bValid = false;
+  cursor.vecLeft.clear();
+  // Small blocks are read whole into a per-thread buffer: their link, the
+  // length and the data then cost one read per block instead of up to three.
+  const bool bWhole = nBlockSize == kBlockSizeSmall;
+  char* pStage = nullptr;
+  if (bWhole) {
+    t_stage.resize(static_cast<size_t>(nBlockSize));
+    pStage = t_stage.data();
+  }
   int32 nCur = hSrvInfo->nHeadNo;
   int32 nPos = hSrvInfo->nReadOffset;
+  bool bLoaded = false;  // pStage holds block nCur
   int32 nRet;
-  auto next = [&]() -> int32 {
-    char linkBytes[4];
-    int32 nR = ReadAt(BlockOffset(nCur, nBlockSize) + kNextLinkOffset, linkBytes, 4);
-    if (nR != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nR, "read next block number from disk failed");
+  auto readPiece = [&](int32 nOffset, char* pDst, int32 nLen, const char* szMsg) -> int32 {
+    if (!bWhole) {
+      int32 nR = ReadAt(BlockOffset(nCur, nBlockSize) + nOffset, pDst, nLen);
+      if (nR != 0) LOGC_WRITE(m_cat, LL_ERROR, nR, "%s", szMsg);
       return nR;
     }
+    if (!bLoaded) {
+      int32 nR = ReadAt(BlockOffset(nCur, nBlockSize), pStage, nBlockSize);
+      if (nR != 0) {
+        LOGC_WRITE(m_cat, LL_ERROR, nR, "%s", szMsg);
+        return nR;
+      }
+      bLoaded = true;
+    }
+    memcpy(pDst, pStage + nOffset, static_cast<size_t>(nLen));
+    return 0;
+  };
+  auto next = [&]() -> int32 {
+    char linkBytes[4];
+    int32 nR = readPiece(kNextLinkOffset, linkBytes, 4, "read next block number from disk failed");
+    if (nR != 0) return nR;
     int32 nNext = GetInt32(linkBytes);
-    if (nCur == hSrvInfo->nTailNo || !IsDataBlockNo(nNext)) {
+    if (nCur == hSrvInfo->nTailNo || !IsDataBlockNo(nNext) ||
+        static_cast<int32>(cursor.vecLeft.size()) + 1 >= hSrvInfo->nBlockNumUsed) {
       LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_CHAIN, "invalid next block number %d of block %d",
                  nNext, nCur);
       return EC_CACHE_BAD_CHAIN;
     }
+    cursor.vecLeft.push_back(nCur);
     nCur = nNext;
+    bLoaded = false;
     return 0;
   };
   char lenBytes[4];
   if (nPos + kRecordLenSize <= nBlockSize) {
-    nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, 4);
-    if (nRet != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
-      return nRet;
-    }
+    nRet = readPiece(nPos, lenBytes, 4, "read record len from disk failed");
+    if (nRet != 0) return nRet;
     nPos += 4;
   } else {
     int32 nK = nBlockSize - nPos;
     if (nK > 0) {
-      nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, nK);
-      if (nRet != 0) {
-        LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
-        return nRet;
-      }
+      nRet = readPiece(nPos, lenBytes, nK, "read record len from disk failed");
+      if (nRet != 0) return nRet;
     }
     nRet = next();
     if (nRet != 0) return nRet;
-    nRet = ReadAt(BlockOffset(nCur, nBlockSize) + kDataAreaOffset, lenBytes + nK, 4 - nK);
-    if (nRet != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
-      return nRet;
-    }
+    nRet = readPiece(kDataAreaOffset, lenBytes + nK, 4 - nK, "read record len from disk failed");
+    if (nRet != 0) return nRet;
     nPos = kDataAreaOffset + (4 - nK);
   }
   int32 nRecLen = GetInt32(lenBytes);
@@ -1224,20 +1269,15 @@ int32 CCacheFile::ReadCurRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32* pL
   int32 nRemain = nRecLen;
   while (nRemain > 0) {
     if (nPos + nRemain <= nBlockSize) {
-      nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, pDst, nRemain);
-      if (nRet != 0) {
-        LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record from disk failed");
-        return nRet;
-      }
+      nRet = readPiece(nPos, pDst, nRemain, "read record from disk failed");
+      if (nRet != 0) return nRet;
+      nPos += nRemain;
       break;
     }
     int32 nK = nBlockSize - nPos;
     if (nK > 0) {
-      nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, pDst, nK);
-      if (nRet != 0) {
-        LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record from disk failed");
-        return nRet;
-      }
+      nRet = readPiece(nPos, pDst, nK, "read record from disk failed");
+      if (nRet != 0) return nRet;
       pDst += nK;
       nRemain -= nK;
     }
@@ -1245,6 +1285,18 @@ int32 CCacheFile::ReadCurRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32* pL
     if (nRet != 0) return nRet;
     nPos = kDataAreaOffset;
   }
+  // Where the record ends and which blocks it leaves, for the removal that
+  // normally follows (see DelCurRecord).
+  cursor.nEpoch = m_nEpoch;
+  cursor.pSrv = hSrvInfo;
+  cursor.nHeadNo = hSrvInfo->nHeadNo;
+  cursor.nReadOffset = hSrvInfo->nReadOffset;
+  cursor.nTailNo = hSrvInfo->nTailNo;
+  cursor.nWriteOffset = hSrvInfo->nWriteOffset;
+  cursor.nBlockNumUsed = hSrvInfo->nBlockNumUsed;
+  cursor.nEndBlock = nCur;
+  cursor.nEndPos = nPos;
+  cursor.bValid = true;
   *pLen = nRecLen;
   return 0;
 }
@@ -1262,6 +1314,17 @@ int32 CCacheFile::DelCurRecord(SrvHandle hSrvInfo) {
   int32 nPos = hSrvInfo->nReadOffset;
   int32 nRet;
   std::vector<int32> left;
+  ReadCursor& cursor = t_cursor;
+  // The record was just read on this thread and the entry has not changed
+  // since: its end and the blocks it leaves are known. Committed records
+  // never change, and every change of the entry changes one of the fields
+  // compared (a preemption moves the head; saves clear the cursor).
+  const bool bKnown = cursor.bValid && cursor.nEpoch == m_nEpoch && cursor.pSrv == hSrvInfo &&
+                      cursor.nHeadNo == nCur && cursor.nReadOffset == nPos &&
+                      cursor.nTailNo == hSrvInfo->nTailNo &&
+                      cursor.nWriteOffset == hSrvInfo->nWriteOffset &&
+                      cursor.nBlockNumUsed == hSrvInfo->nBlockNumUsed;
+  cursor.bValid = false;
   auto next = [&]() -> int32 {
     char linkBytes[4];
     int32 nR = ReadAt(BlockOffset(nCur, nBlockSize) + kNextLinkOffset, linkBytes, 4);
@@ -1280,43 +1343,49 @@ int32 CCacheFile::DelCurRecord(SrvHandle hSrvInfo) {
     nCur = nNext;
     return 0;
   };
-  char lenBytes[4];
-  if (nPos + kRecordLenSize <= nBlockSize) {
-    nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, 4);
-    if (nRet != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
-      return nRet;
-    }
-    nPos += 4;
+  if (bKnown) {
+    left.swap(cursor.vecLeft);
+    nCur = cursor.nEndBlock;
+    nPos = cursor.nEndPos;
   } else {
-    int32 nK = nBlockSize - nPos;
-    if (nK > 0) {
-      nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, nK);
+    char lenBytes[4];
+    if (nPos + kRecordLenSize <= nBlockSize) {
+      nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, 4);
       if (nRet != 0) {
         LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
         return nRet;
       }
+      nPos += 4;
+    } else {
+      int32 nK = nBlockSize - nPos;
+      if (nK > 0) {
+        nRet = ReadAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, nK);
+        if (nRet != 0) {
+          LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
+          return nRet;
+        }
+      }
+      nRet = next();
+      if (nRet != 0) return nRet;
+      nRet = ReadAt(BlockOffset(nCur, nBlockSize) + kDataAreaOffset, lenBytes + nK, 4 - nK);
+      if (nRet != 0) {
+        LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
+        return nRet;
+      }
+      nPos = kDataAreaOffset + (4 - nK);
     }
-    nRet = next();
-    if (nRet != 0) return nRet;
-    nRet = ReadAt(BlockOffset(nCur, nBlockSize) + kDataAreaOffset, lenBytes + nK, 4 - nK);
-    if (nRet != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "read record len from disk failed");
-      return nRet;
+    int32 nRemain = GetInt32(lenBytes);
+    if (nRemain <= 0) return EC_CACHE_BAD_REC_LEN;
+    while (nRemain > 0) {
+      if (nPos + nRemain <= nBlockSize) {
+        nPos += nRemain;
+        break;
+      }
+      nRemain -= nBlockSize - nPos;
+      nRet = next();
+      if (nRet != 0) return nRet;
+      nPos = kDataAreaOffset;
     }
-    nPos = kDataAreaOffset + (4 - nK);
-  }
-  int32 nRemain = GetInt32(lenBytes);
-  if (nRemain <= 0) return EC_CACHE_BAD_REC_LEN;
-  while (nRemain > 0) {
-    if (nPos + nRemain <= nBlockSize) {
-      nPos += nRemain;
-      break;
-    }
-    nRemain -= nBlockSize - nPos;
-    nRet = next();
-    if (nRet != 0) return nRet;
-    nPos = kDataAreaOffset;
   }
   if (nCur == hSrvInfo->nTailNo && nPos > hSrvInfo->nWriteOffset) {
     LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_CHAIN,

@@ -121,6 +121,7 @@ class CCacheFile {
   LOGC_CATEGORY m_cat;
 
   int64 m_nMaxBlocks;  // blocks the file may ever hold
+  uint64 m_nEpoch;     // changes with every Init; keys the per-thread read cursor
 };
 
 #endif  // COLLECTOR_BUFFER_CACHEFILE_H_
