@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 #include <vector>
@@ -42,8 +43,13 @@ struct ReadCursor {
   std::vector<int32> vecLeft;
 };
 thread_local ReadCursor t_cursor;
-// Whole small blocks are read into this per-thread buffer.
+// Per-thread staging buffer: whole small blocks are read into it, and the
+// pieces of one block a save writes are joined in it (at most kStageMax
+// bytes, so a copy never costs more than the write it saves).
+constexpr int32 kStageMax = kBlockSizeSmall;
 thread_local std::vector<char> t_stage;
+// Blocks taken by the save in progress on this thread.
+thread_local std::vector<int32> t_taken;
 // Tells apart the openings of cache files, so a cursor never outlives one.
 std::atomic<uint64> g_nEpoch{0};
 
@@ -780,20 +786,34 @@ int32 CCacheFile::SetUserPassWord(SrvHandle hSrvInfo, const char* szUser,
 // ---- Blocks ---------------------------------------------------------------------------
 
 int32 CCacheFile::AllocIdleBlock(int32* pBlockNo) {
+  int32 nGot = 0;
+  return AllocIdleBlocks(1, pBlockNo, &nGot);
+}
+
+// Hands out nCount blocks: from the top of the idle list, then by growing
+// the file, with one header write for all of them; then, the file being
+// full, one preemption per block. On failure *pnGot blocks were handed out
+// and the caller owns them.
+int32 CCacheFile::AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot) {
   FileBaseInfo& fb = m_fileBlockInfo;
   CLock lock(fb.mutexAlockBlock);
+  *pnGot = 0;
+  if (nCount <= 0) return 0;
+  const int32 nOldIdle = fb.nIdleHeadNo;
+  int32 nGot = 0;
   int32 nRet = 0;
-  if (fb.nIdleHeadNo != kNoBlock) {
+  while (nGot < nCount && fb.nIdleHeadNo != kNoBlock) {
     int32 nBlock = fb.nIdleHeadNo;
     if (!IsDataBlockNo(nBlock)) {
       LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_CHAIN, "invalid idle head number %d", nBlock);
-      return EC_CACHE_BAD_CHAIN;
+      nRet = EC_CACHE_BAD_CHAIN;
+      break;
     }
     char linkBytes[4];
     nRet = ReadAt(BlockOffset(nBlock, fb.nBlockSize), linkBytes, 4);
     if (nRet != 0) {
       LOGC_WRITE(m_cat, LL_ERROR, nRet, "read idle block failed");
-      return nRet;
+      break;
     }
     int32 nNext = GetInt32(linkBytes);
     if (nNext != kNoBlock && (!IsDataBlockNo(nNext) || nNext == nBlock)) {
@@ -805,34 +825,42 @@ int32 CCacheFile::AllocIdleBlock(int32* pBlockNo) {
       nNext = kNoBlock;
     }
     fb.nIdleHeadNo = nNext;
+    pBlockNos[nGot++] = nBlock;
+  }
+  if (nRet != 0) {
+    // Nothing written yet: the popped blocks are still on the list on disk.
+    fb.nIdleHeadNo = nOldIdle;
+    return nRet;
+  }
+  const int32 nOldTotal = fb.nTotalBlockNum;
+  while (nGot < nCount && kHeaderSize + static_cast<int64>(fb.nTotalBlockNum + 1) *
+                                               fb.nBlockSize <=
+                              static_cast<int64>(m_nMaxFileSize) * kBytesPerMb) {
+    pBlockNos[nGot++] = fb.nTotalBlockNum++;
+  }
+  if (nGot > 0) {
     nRet = SaveFileBaseInfoToDisk();
     if (nRet != 0) {
-      // The header on disk still names the block as the idle top: keep it so
-      // in memory too.
-      fb.nIdleHeadNo = nBlock;
+      // The header on disk still names the popped blocks as idle: keep them
+      // so in memory too. The growth mark stays raised: the blocks may be
+      // counted on disk already, and a leak is harmless where a block
+      // handed out twice is not.
+      fb.nIdleHeadNo = nOldIdle;
+      (void)nOldTotal;
       LOGC_WRITE(m_cat, LL_ERROR, nRet, "save file base info to disk failed");
       return nRet;
     }
-    *pBlockNo = nBlock;
-    return 0;
   }
-  if (kHeaderSize + static_cast<int64>(fb.nTotalBlockNum + 1) * fb.nBlockSize <=
-      static_cast<int64>(m_nMaxFileSize) * kBytesPerMb) {
-    int32 nBlock = fb.nTotalBlockNum;
-    ++fb.nTotalBlockNum;
-    nRet = SaveFileBaseInfoToDisk();
+  *pnGot = nGot;
+  while (nGot < nCount) {
+    nRet = PreemptDataBlock(&pBlockNos[nGot]);
     if (nRet != 0) {
-      // The mark stays raised: the block may be counted on disk already, and
-      // a leak is harmless where a block handed out twice is not.
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "save file base info to disk failed");
+      LOGC_WRITE(m_cat, LL_ERROR, nRet, "preempt data block failed");
       return nRet;
     }
-    *pBlockNo = nBlock;
-    return 0;
+    *pnGot = ++nGot;
   }
-  nRet = PreemptDataBlock(pBlockNo);
-  if (nRet != 0) LOGC_WRITE(m_cat, LL_ERROR, nRet, "preempt data block failed");
-  return nRet;
+  return 0;
 }
 
 int32 CCacheFile::FreeIdleBlock(int32 nBlockNo) { return FreeIdleBlocks(&nBlockNo, 1); }
@@ -1085,88 +1113,112 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
     ~CRestoreSaving() { t_pSavingSrv = p; }
   } restoreSaving{pPrevSaving};
 
-  // The entry keeps describing the committed queue until the commit below;
-  // the blocks this save chains are kept in 'taken' and given back on
+  // The entry keeps describing the committed queue until the commit below.
+  // Every block the record needs is taken first; they are given back on
   // failure (the entry on disk never named them).
-  std::vector<int32> taken;
   const bool bWasEmpty = hSrvInfo->nTailNo == kNoBlock;
-  const char* pSrc = static_cast<const char*>(pRecordsBuf);
-  int32 nCur;
-  int32 nPos;
-  int32 nRet = 0;
+  const int32 nDataArea = nBlockSize - kDataAreaOffset;
+  const int64 nStreamLen = kRecordLenSize + static_cast<int64>(nBufLen);
+  int32 nStartPos = bWasEmpty ? kDataAreaOffset : hSrvInfo->nWriteOffset;
+  int64 nRoom = bWasEmpty ? 0 : nBlockSize - nStartPos;
+  int64 nNewBlocks = nStreamLen <= nRoom ? 0 : (nStreamLen - nRoom + nDataArea - 1) / nDataArea;
+  std::vector<int32>& taken = t_taken;
+  taken.assign(static_cast<size_t>(nNewBlocks), kNoBlock);
+  int32 nGot = 0;
+  int32 nRet = AllocIdleBlocks(static_cast<int32>(nNewBlocks), taken.data(), &nGot);
+  if (nRet != 0) {
+    LOGC_WRITE(m_cat, LL_ERROR, nRet, "alloc idle block failed");
+    FreeIdleBlocks(taken.data(), nGot);
+    return nRet;
+  }
   auto fail = [&](int32 nCode, const char* szMsg) {
     LOGC_WRITE(m_cat, LL_ERROR, nCode, "%s", szMsg);
     FreeIdleBlocks(taken.data(), static_cast<int32>(taken.size()));
     return nCode;
   };
-  // A new block behind the current one; its own first 4 bytes stay as they
-  // are until a successor is chained behind it.
-  auto chain = [&]() -> int32 {
-    int32 nNew = kNoBlock;
-    int32 nR = AllocIdleBlock(&nNew);
-    if (nR != 0) return fail(nR, "alloc idle block failed");
-    taken.push_back(nNew);
-    char linkBytes[4];
-    PutInt32(linkBytes, nNew);
-    nR = WriteAt(BlockOffset(nCur, nBlockSize) + kNextLinkOffset, linkBytes, 4);
-    if (nR != 0) return fail(nR, "write next block number to disk failed");
-    nCur = nNew;
-    return 0;
-  };
 
-  if (bWasEmpty) {
-    int32 nFirst = kNoBlock;
-    nRet = AllocIdleBlock(&nFirst);
-    if (nRet != 0) return fail(nRet, "alloc idle block failed");
-    taken.push_back(nFirst);
-    nCur = nFirst;
-    nPos = kDataAreaOffset;
-  } else {
-    nCur = hSrvInfo->nTailNo;
-    nPos = hSrvInfo->nWriteOffset;
-  }
-
+  // The stream is the 4 length bytes, then the payload, laid over the rest
+  // of the current block and the data areas of the new blocks in order.
+  // Each block gets one write where possible: a new block's next link
+  // (offset 0) and its data (from offset 4) are contiguous, and pieces that
+  // fit the per-thread staging buffer are joined there.
   char lenBytes[4];
   PutInt32(lenBytes, nBufLen);
-  if (nPos + kRecordLenSize <= nBlockSize) {
-    nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, 4);
-    if (nRet != 0) return fail(nRet, "write record len to disk failed");
-    nPos += 4;
-  } else {
-    int32 nK = nBlockSize - nPos;
-    if (nK >= 1) {
-      nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nPos, lenBytes, nK);
-      if (nRet != 0) return fail(nRet, "write record len to disk failed");
+  const char* pPayload = static_cast<const char*>(pRecordsBuf);
+  auto streamAt = [&](int64 nOff, char* pDst, int64 nLen) {
+    if (nOff < kRecordLenSize) {
+      int64 nHead = std::min<int64>(kRecordLenSize - nOff, nLen);
+      memcpy(pDst, lenBytes + nOff, static_cast<size_t>(nHead));
+      pDst += nHead;
+      nLen -= nHead;
+      nOff += nHead;
     }
-    nRet = chain();
-    if (nRet != 0) return nRet;
-    nRet = WriteAt(BlockOffset(nCur, nBlockSize) + kDataAreaOffset, lenBytes + nK, 4 - nK);
-    if (nRet != 0) return fail(nRet, "write record len to disk failed");
-    nPos = kDataAreaOffset + (4 - nK);
+    if (nLen > 0) {
+      memcpy(pDst, pPayload + (nOff - kRecordLenSize), static_cast<size_t>(nLen));
+    }
+  };
+  const size_t nBlocks = static_cast<size_t>(nNewBlocks) + (bWasEmpty ? 0 : 1);
+  int64 nDone = 0;
+  int32 nCur = kNoBlock;
+  int32 nPos = 0;
+  for (size_t i = 0; i < nBlocks; ++i) {
+    nCur = bWasEmpty ? taken[i] : (i == 0 ? hSrvInfo->nTailNo : taken[i - 1]);
+    const int32 nStart = i == 0 ? nStartPos : kDataAreaOffset;
+    const int64 nPiece = std::min<int64>(nBlockSize - nStart, nStreamLen - nDone);
+    const bool bHasNext = i + 1 < nBlocks;
+    const int32 nNext = bHasNext ? (bWasEmpty ? taken[i + 1] : taken[i]) : kNoBlock;
+    const char* szMsg =
+        nDone < kRecordLenSize ? "write record len to disk failed" : "write record to disk failed";
+    // The link joins the data when they touch; in a partly filled first
+    // block it is a write of its own.
+    bool bLinkJoined = bHasNext && nStart == kDataAreaOffset;
+    if (bHasNext && !bLinkJoined) {
+      char linkBytes[4];
+      PutInt32(linkBytes, nNext);
+      nRet = WriteAt(BlockOffset(nCur, nBlockSize) + kNextLinkOffset, linkBytes, 4);
+      if (nRet != 0) return fail(nRet, "write next block number to disk failed");
+    }
+    const int32 nRegionStart = bLinkJoined ? kNextLinkOffset : nStart;
+    const int64 nRegion = nStart + nPiece - nRegionStart;
+    if (nRegion == 0) {
+      // The record begins in the next block: nothing of it goes here.
+    } else if (nRegion <= kStageMax) {
+      std::vector<char>& stage = t_stage;
+      if (stage.size() < static_cast<size_t>(kStageMax)) stage.resize(kStageMax);
+      char* p = stage.data();
+      if (bLinkJoined) PutInt32(p, nNext);
+      streamAt(nDone, p + (nStart - nRegionStart), nPiece);
+      nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nRegionStart, p, static_cast<int32>(nRegion));
+      if (nRet != 0) return fail(nRet, bLinkJoined ? "write next block number to disk failed" : szMsg);
+    } else {
+      if (bLinkJoined) {
+        char linkBytes[4];
+        PutInt32(linkBytes, nNext);
+        nRet = WriteAt(BlockOffset(nCur, nBlockSize) + kNextLinkOffset, linkBytes, 4);
+        if (nRet != 0) return fail(nRet, "write next block number to disk failed");
+      }
+      int64 nOff = nDone;
+      int32 nAt = nStart;
+      if (nOff < kRecordLenSize) {
+        int32 nLen = static_cast<int32>(std::min<int64>(kRecordLenSize - nOff, nPiece));
+        nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nAt, lenBytes + nOff, nLen);
+        if (nRet != 0) return fail(nRet, "write record len to disk failed");
+        nOff += nLen;
+        nAt += nLen;
+      }
+      int64 nRest = nDone + nPiece - nOff;
+      if (nRest > 0) {
+        nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nAt, pPayload + (nOff - kRecordLenSize),
+                       static_cast<int32>(nRest));
+        if (nRet != 0) return fail(nRet, "write record to disk failed");
+      }
+    }
+    nDone += nPiece;
+    nPos = static_cast<int32>(nStart + nPiece);
   }
 
-  int32 nRemain = nBufLen;
-  while (nRemain > 0) {
-    if (nPos + nRemain <= nBlockSize) {
-      nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nPos, pSrc, nRemain);
-      if (nRet != 0) return fail(nRet, "write record to disk failed");
-      nPos += nRemain;
-      break;
-    }
-    int32 nK = nBlockSize - nPos;
-    if (nK > 0) {
-      nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nPos, pSrc, nK);
-      if (nRet != 0) return fail(nRet, "write record to disk failed");
-      pSrc += nK;
-      nRemain -= nK;
-    }
-    nRet = chain();
-    if (nRet != 0) return nRet;
-    nPos = kDataAreaOffset;
-  }
-
-  // Commit. A preemption of this very entry during the save may have moved
-  // its head; the snapshot is taken now.
+  // Commit. A preemption of this very entry while the blocks were taken
+  // may have moved its head; the snapshot is taken now.
   SrvInfo oldState = *hSrvInfo;
   if (bWasEmpty) {
     hSrvInfo->nHeadNo = taken.front();

@@ -107,6 +107,7 @@ class CCacheFile {
   // Helpers.
   int32 ReadAt(int64 nOffset, void* pBuf, int32 nLen);
   int32 WriteAt(int64 nOffset, const void* pBuf, int32 nLen);
+  int32 AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot);
   int32 FreeIdleBlocks(const int32* pBlockNos, int32 nCount);
   int32 WalkSrvInfoChain(std::vector<int32>* pChain);
   int32 LockVictim(SrvInfo* pSrvInfo);
