@@ -50,6 +50,15 @@ constexpr int32 kStageMax = kBlockSizeSmall;
 thread_local std::vector<char> t_stage;
 // Blocks taken by the save in progress on this thread.
 thread_local std::vector<int32> t_taken;
+// Full small blocks of that save, and the buffer their runs are built in.
+constexpr int32 kRunBlocks = 64;
+thread_local std::vector<char> t_run;
+struct PendingBlockTl {
+  int32 nBlockNo;
+  int32 nNext;
+  int64 nStreamOffset;
+};
+thread_local std::vector<PendingBlockTl> t_pending;
 // Tells apart the openings of cache files, so a cursor never outlives one.
 std::atomic<uint64> g_nEpoch{0};
 
@@ -1158,6 +1167,9 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
     }
   };
   const size_t nBlocks = static_cast<size_t>(nNewBlocks) + (bWasEmpty ? 0 : 1);
+  using PendingBlock = PendingBlockTl;
+  std::vector<PendingBlock>& pending = t_pending;
+  pending.clear();
   int64 nDone = 0;
   int32 nCur = kNoBlock;
   int32 nPos = 0;
@@ -1180,7 +1192,10 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
     }
     const int32 nRegionStart = bLinkJoined ? kNextLinkOffset : nStart;
     const int64 nRegion = nStart + nPiece - nRegionStart;
-    if (nRegion == 0) {
+    if (bLinkJoined && nRegion == nBlockSize && nBlockSize == kBlockSizeSmall) {
+      // A full small block: written below with its neighbours in the file.
+      pending.push_back(PendingBlock{nCur, nNext, nDone});
+    } else if (nRegion == 0) {
       // The record begins in the next block: nothing of it goes here.
     } else if (nRegion <= kStageMax) {
       std::vector<char>& stage = t_stage;
@@ -1215,6 +1230,32 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
     }
     nDone += nPiece;
     nPos = static_cast<int32>(nStart + nPiece);
+  }
+  // Full small blocks, each its link and 4,092 bytes of the stream, go out
+  // in runs of blocks that are neighbours in the file (a growing file hands
+  // out ascending numbers, the idle stack often descending ones): one write
+  // per run instead of one per block.
+  std::sort(pending.begin(), pending.end(),
+            [](const PendingBlock& a, const PendingBlock& b) { return a.nBlockNo < b.nBlockNo; });
+  for (size_t i = 0; i < pending.size();) {
+    size_t j = i + 1;
+    while (j < pending.size() && j - i < static_cast<size_t>(kRunBlocks) &&
+           pending[j].nBlockNo == pending[j - 1].nBlockNo + 1) {
+      ++j;
+    }
+    std::vector<char>& run = t_run;
+    if (run.size() < static_cast<size_t>(kRunBlocks) * kBlockSizeSmall) {
+      run.resize(static_cast<size_t>(kRunBlocks) * kBlockSizeSmall);
+    }
+    for (size_t k = i; k < j; ++k) {
+      char* p = run.data() + (k - i) * kBlockSizeSmall;
+      PutInt32(p, pending[k].nNext);
+      streamAt(pending[k].nStreamOffset, p + kDataAreaOffset, nDataArea);
+    }
+    nRet = WriteAt(BlockOffset(pending[i].nBlockNo, nBlockSize), run.data(),
+                   static_cast<int32>((j - i) * kBlockSizeSmall));
+    if (nRet != 0) return fail(nRet, "write record to disk failed");
+    i = j;
   }
 
   // Commit. A preemption of this very entry while the blocks were taken
