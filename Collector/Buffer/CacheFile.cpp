@@ -384,9 +384,9 @@ bool CCacheFile::HasRecord(SrvHandle hSrv) {
 int32 CCacheFile::SaveSrvInfoToDisk(SrvInfo* pSrvInfo) {
   char entry[kEntrySize];
   EntryToBytes(pSrvInfo, entry);
-  int32 nRet = WriteAt(EntryOffset(pSrvInfo->nBlockNo, pSrvInfo->nOrderInBlock,
-                                   m_fileBlockInfo.nBlockSize),
-                       entry, kEntrySize);
+  int32 nRet =
+      WriteAt(EntryOffset(pSrvInfo->nBlockNo, pSrvInfo->nOrderInBlock, m_fileBlockInfo.nBlockSize),
+              entry, kEntrySize);
   if (nRet != 0) {
     LOGC_WRITE(m_cat, LL_ERROR, EC_NO_MEMORY, "save srv info to disk failed");
     return EC_NO_MEMORY;
@@ -530,8 +530,8 @@ int32 CCacheFile::WalkSrvInfoChain(std::vector<int32>* pChain) {
   while (true) {
     if (nBlock < 0 || nBlock >= fb.nTotalBlockNum || visited[static_cast<size_t>(nBlock)]) {
       LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_HEADER,
-                 "invalid server info chain: block %d after %zu blocks, tail %d, total %d",
-                 nBlock, pChain->size(), fb.nSrvInfoTailNo, fb.nTotalBlockNum);
+                 "invalid server info chain: block %d after %zu blocks, tail %d, total %d", nBlock,
+                 pChain->size(), fb.nSrvInfoTailNo, fb.nTotalBlockNum);
       return EC_CACHE_BAD_HEADER;
     }
     visited[static_cast<size_t>(nBlock)] = true;
@@ -731,8 +731,7 @@ int32 CCacheFile::LoadSrvsInfo() {
   }
 }
 
-int32 CCacheFile::SetUserPassWord(SrvHandle hSrvInfo, const char* szUser,
-                                  const char* szPassWord) {
+int32 CCacheFile::SetUserPassWord(SrvHandle hSrvInfo, const char* szUser, const char* szPassWord) {
   FileBaseInfo& fb = m_fileBlockInfo;
   {
     CLock lockAlloc(fb.mutexAlockBlock);
@@ -829,8 +828,8 @@ int32 CCacheFile::AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot) 
       // The rest of the list cannot be trusted; its blocks become leaks,
       // which is safer than handing out a block twice.
       LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_CHAIN,
-                 "invalid next block number %d in idle block %d, rest of idle list dropped",
-                 nNext, nBlock);
+                 "invalid next block number %d in idle block %d, rest of idle list dropped", nNext,
+                 nBlock);
       nNext = kNoBlock;
     }
     fb.nIdleHeadNo = nNext;
@@ -842,8 +841,7 @@ int32 CCacheFile::AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot) 
     return nRet;
   }
   const int32 nOldTotal = fb.nTotalBlockNum;
-  while (nGot < nCount && kHeaderSize + static_cast<int64>(fb.nTotalBlockNum + 1) *
-                                               fb.nBlockSize <=
+  while (nGot < nCount && kHeaderSize + static_cast<int64>(fb.nTotalBlockNum + 1) * fb.nBlockSize <=
                               static_cast<int64>(m_nMaxFileSize) * kBytesPerMb) {
     pBlockNos[nGot++] = fb.nTotalBlockNum++;
   }
@@ -1204,7 +1202,8 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
       if (bLinkJoined) PutInt32(p, nNext);
       streamAt(nDone, p + (nStart - nRegionStart), nPiece);
       nRet = WriteAt(BlockOffset(nCur, nBlockSize) + nRegionStart, p, static_cast<int32>(nRegion));
-      if (nRet != 0) return fail(nRet, bLinkJoined ? "write next block number to disk failed" : szMsg);
+      if (nRet != 0)
+        return fail(nRet, bLinkJoined ? "write next block number to disk failed" : szMsg);
     } else {
       if (bLinkJoined) {
         char linkBytes[4];

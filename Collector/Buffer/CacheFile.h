@@ -37,8 +37,8 @@ struct SrvInfo {
   uint8 nIsIPV4;        // 1 for IPv4
   uint32 nIP;           // address as os_network_ip2int produced it
   uint16 nPort;
-  bool bNormal;           // unused
-  MutexHandle mutexSrv;   // serialises every operation on this entry
+  bool bNormal;          // unused
+  MutexHandle mutexSrv;  // serialises every operation on this entry
   char szUser[64];
   char szPassWord[128];  // plain text, in memory and in the file
 };
@@ -48,13 +48,13 @@ typedef SrvInfo* SrvHandle;
 // The file header in memory, with the file-wide mutexes.
 struct FileBaseInfo {
   int32 nBlockSize;
-  int32 nTotalBlockNum;   // blocks 0 .. nTotalBlockNum - 1 exist
-  int32 nIdleHeadNo;      // top of the idle stack, -1 when empty
-  int32 nSrvInfoHeadNo;   // always 0
+  int32 nTotalBlockNum;  // blocks 0 .. nTotalBlockNum - 1 exist
+  int32 nIdleHeadNo;     // top of the idle stack, -1 when empty
+  int32 nSrvInfoHeadNo;  // always 0
   int32 nSrvInfoTailNo;
-  MutexHandle mutexSrv;        // server list and server-info chain
-  MutexHandle mutexAlockBlock; // idle list, growth mark, every header field
-  MutexHandle mutexDisk;       // single file accesses; innermost
+  MutexHandle mutexSrv;         // server list and server-info chain
+  MutexHandle mutexAlockBlock;  // idle list, growth mark, every header field
+  MutexHandle mutexDisk;        // single file accesses; innermost
   char szVersion[64];
 };
 

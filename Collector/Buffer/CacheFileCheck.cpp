@@ -84,16 +84,16 @@ int32 CChecker::ReadInt32(int64 nOffset, int32* pn) {
 bool CChecker::CheckEntry(int32 nIndex, const SrvInfo& e) {
   const int32 nBs = m_nBlockSize;
   if (!ValidBlock(e.nHeadNo) || e.nHeadNo == 0 || !ValidBlock(e.nTailNo) || e.nTailNo == 0) {
-    Add(CACHE_CHECK_DAMAGE, "entry %d (block %d slot %d): head %d or tail %d out of range",
-        nIndex, e.nBlockNo, e.nOrderInBlock, e.nHeadNo, e.nTailNo);
+    Add(CACHE_CHECK_DAMAGE, "entry %d (block %d slot %d): head %d or tail %d out of range", nIndex,
+        e.nBlockNo, e.nOrderInBlock, e.nHeadNo, e.nTailNo);
     return true;
   }
   if (e.nBlockNumUsed < 1 || e.nBlockNumUsed > m_nTotal) {
     Add(CACHE_CHECK_DAMAGE, "entry %d: block count %d out of range", nIndex, e.nBlockNumUsed);
     return true;
   }
-  if (e.nReadOffset < kDataAreaOffset || e.nReadOffset > nBs ||
-      e.nWriteOffset < kDataAreaOffset || e.nWriteOffset > nBs) {
+  if (e.nReadOffset < kDataAreaOffset || e.nReadOffset > nBs || e.nWriteOffset < kDataAreaOffset ||
+      e.nWriteOffset > nBs) {
     Add(CACHE_CHECK_DAMAGE, "entry %d: read offset %d or write offset %d out of range", nIndex,
         e.nReadOffset, e.nWriteOffset);
     return true;
@@ -117,8 +117,8 @@ bool CChecker::CheckEntry(int32 nIndex, const SrvInfo& e) {
     chain.push_back(nBlock);
     if (i + 1 < e.nBlockNumUsed) {
       if (nBlock == e.nTailNo) {
-        Add(CACHE_CHECK_DAMAGE, "entry %d: tail %d reached after %d of %d blocks", nIndex,
-            nBlock, i + 1, e.nBlockNumUsed);
+        Add(CACHE_CHECK_DAMAGE, "entry %d: tail %d reached after %d of %d blocks", nIndex, nBlock,
+            i + 1, e.nBlockNumUsed);
         return true;
       }
       if (ReadInt32(BlockOffset(nBlock, nBs), &nBlock) != 0) return true;
@@ -156,8 +156,8 @@ bool CChecker::CheckEntry(int32 nIndex, const SrvInfo& e) {
       }
       int32 nTake = std::min(4 - nHave, nBs - nPos);
       int32 nDone = 0;
-      int32 nRet = ReadFull(m_hFile, BlockOffset(chain[nIdx], nBs) + nPos,
-                                     lenBytes + nHave, nTake, &nDone);
+      int32 nRet =
+          ReadFull(m_hFile, BlockOffset(chain[nIdx], nBs) + nPos, lenBytes + nHave, nTake, &nDone);
       if (nRet != 0) {
         if (m_nReadStatus == 0) m_nReadStatus = nRet;
         return true;
@@ -203,8 +203,8 @@ bool CChecker::CheckEntry(int32 nIndex, const SrvInfo& e) {
     Add(CACHE_CHECK_DAMAGE, "entry %d: blocks behind the last record", nIndex);
   }
   if (m_pStats != nullptr) {
-    m_pStats->push_back(CacheQueueStat{e.nIP, e.nPort, e.nBlockNo, e.nOrderInBlock,
-                                       e.nBlockNumUsed, nRecords, nBytes});
+    m_pStats->push_back(CacheQueueStat{e.nIP, e.nPort, e.nBlockNo, e.nOrderInBlock, e.nBlockNumUsed,
+                                       nRecords, nBytes});
   }
   return true;
 }
@@ -275,8 +275,8 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
   int32 nPrev = kNoBlock;
   while (true) {
     if (!ValidBlock(nBlock) || m_vecOwner[static_cast<size_t>(nBlock)] != kOwnerNone) {
-      Add(CACHE_CHECK_DAMAGE, "server-info chain: bad or repeated block %d before tail %d",
-          nBlock, nSrvTail);
+      Add(CACHE_CHECK_DAMAGE, "server-info chain: bad or repeated block %d before tail %d", nBlock,
+          nSrvTail);
       return m_nReadStatus;
     }
     m_vecOwner[static_cast<size_t>(nBlock)] = kOwnerSrvInfo;
@@ -324,8 +324,8 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
     const SrvInfo& e = vecEntries[i];
     if (e.nHeadNo == kNoBlock || e.nTailNo == kNoBlock) {
       if (e.nHeadNo != e.nTailNo || e.nBlockNumUsed != 0) {
-        Add(CACHE_CHECK_DAMAGE, "entry %zu: half-empty (head %d, tail %d, %d blocks)", i,
-            e.nHeadNo, e.nTailNo, e.nBlockNumUsed);
+        Add(CACHE_CHECK_DAMAGE, "entry %zu: half-empty (head %d, tail %d, %d blocks)", i, e.nHeadNo,
+            e.nTailNo, e.nBlockNumUsed);
       }
       continue;
     }
@@ -334,8 +334,8 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
       bDuplicate = bDuplicate || vecEntryBytes[j] == vecEntryBytes[i];
     }
     if (bDuplicate) {
-      Add(CACHE_CHECK_DUPLICATE, "entry %zu (block %d slot %d) is a copy of an earlier entry",
-          i, e.nBlockNo, e.nOrderInBlock);
+      Add(CACHE_CHECK_DUPLICATE, "entry %zu (block %d slot %d) is a copy of an earlier entry", i,
+          e.nBlockNo, e.nOrderInBlock);
       continue;
     }
     CheckEntry(static_cast<int32>(i), e);
@@ -353,7 +353,7 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
     int32 nOwner = m_vecOwner[static_cast<size_t>(nBlock)];
     if (nOwner != kOwnerNone) {
       Add(CACHE_CHECK_DAMAGE, "idle list: block %d is also %s", nBlock,
-          nOwner == kOwnerIdle       ? "earlier on the idle list (a loop)"
+          nOwner == kOwnerIdle      ? "earlier on the idle list (a loop)"
           : nOwner == kOwnerSrvInfo ? "a server-info block"
                                     : "in a chain");
       break;

@@ -17,10 +17,10 @@
 #include "zd_types.h"
 
 enum CacheCheckKind : int32 {
-  CACHE_CHECK_DAMAGE = 1,     // the file breaks an invariant; data may be lost or misread
-  CACHE_CHECK_LEAK = 2,       // a block in no chain and on no list
-  CACHE_CHECK_DUPLICATE = 3   // an entry stored twice by an interrupted start-up move;
-                              // the next start drops the second copy
+  CACHE_CHECK_DAMAGE = 1,    // the file breaks an invariant; data may be lost or misread
+  CACHE_CHECK_LEAK = 2,      // a block in no chain and on no list
+  CACHE_CHECK_DUPLICATE = 3  // an entry stored twice by an interrupted start-up move;
+                             // the next start drops the second copy
 };
 
 struct CacheCheckFinding {
@@ -36,7 +36,7 @@ struct CacheQueueStat {
   int32 nOrderInBlock;  // slot, from 1
   int32 nBlockNumUsed;
   int64 nRecords;
-  int64 nBytes;         // payload bytes, without the length fields
+  int64 nBytes;  // payload bytes, without the length fields
 };
 
 // Overrides of what is read from the file, to check the state a live

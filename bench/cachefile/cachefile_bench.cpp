@@ -35,9 +35,9 @@ double Median(std::vector<double> v) {
 
 struct Config {
   const char* szBlock;
-  int32 nSizeMb;     // decides the block size: < 40 MB gives 4 KiB blocks
+  int32 nSizeMb;  // decides the block size: < 40 MB gives 4 KiB blocks
   int32 nRecLen;
-  int64 nTotalBytes; // moved per phase
+  int64 nTotalBytes;  // moved per phase
 };
 
 struct Times {
@@ -49,7 +49,8 @@ struct Times {
 double RawWrite(int fd, const std::vector<char>& rec, int64 nCount) {
   auto t0 = Clock::now();
   for (int64 i = 0; i < nCount; ++i) {
-    if (pwrite(fd, rec.data(), rec.size(), static_cast<off_t>(i * static_cast<int64>(rec.size()))) !=
+    if (pwrite(fd, rec.data(), rec.size(),
+               static_cast<off_t>(i * static_cast<int64>(rec.size()))) !=
         static_cast<ssize_t>(rec.size())) {
       perror("pwrite");
       exit(1);
@@ -147,14 +148,13 @@ int main(int argc, char** argv) {
   int nRuns = argc > 2 ? atoi(argv[2]) : 5;
   const int64 kMiB = 1024 * 1024;
   const Config configs[] = {
-      {"4 KiB", 39, 1024, 16 * kMiB},   {"4 KiB", 39, 65536, 32 * kMiB},
+      {"4 KiB", 39, 1024, 16 * kMiB},    {"4 KiB", 39, 65536, 32 * kMiB},
       {"4 KiB", 39, 1048576, 32 * kMiB}, {"4 MiB", 400, 1024, 32 * kMiB},
       {"4 MiB", 400, 65536, 128 * kMiB}, {"4 MiB", 400, 1048576, 128 * kMiB},
   };
-  printf("cache file vs raw pwrite/pread, MB/s (medians of %d runs), ratio = cache / raw\n",
-         nRuns);
-  printf("%-6s %-8s %-7s | %9s %9s %6s | %9s %9s %9s %6s\n", "block", "record", "state",
-         "save", "raw wr", "ratio", "read", "read+del", "raw rd", "ratio");
+  printf("cache file vs raw pwrite/pread, MB/s (medians of %d runs), ratio = cache / raw\n", nRuns);
+  printf("%-6s %-8s %-7s | %9s %9s %6s | %9s %9s %9s %6s\n", "block", "record", "state", "save",
+         "raw wr", "ratio", "read", "read+del", "raw rd", "ratio");
   for (const Config& c : configs) {
     std::vector<Times> runs;
     for (int r = 0; r < nRuns; ++r) runs.push_back(RunOnce(c, strDir));

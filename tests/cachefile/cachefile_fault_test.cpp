@@ -34,10 +34,8 @@ struct FaultMode {
 };
 
 const FaultMode kModes[] = {
-    {"write", OS_FAULT_WRITE, false, 0},
-    {"write-kill", OS_FAULT_WRITE, true, 0},
-    {"write-kill-torn", OS_FAULT_WRITE, true, 2},
-    {"read", OS_FAULT_READ, false, 0},
+    {"write", OS_FAULT_WRITE, false, 0},          {"write-kill", OS_FAULT_WRITE, true, 0},
+    {"write-kill-torn", OS_FAULT_WRITE, true, 2}, {"read", OS_FAULT_READ, false, 0},
     {"read-kill", OS_FAULT_READ, true, 0},
 };
 
@@ -238,13 +236,15 @@ TEST_F(FaultTest, ReadChangesNothing) {
   SrvHandle h = Add(7);
   SaveT(h, 15000);
   SaveTemplate();
-  Sweep([&](auto& hs) {
-    OpResult r;
-    std::vector<char> buf(15000);
-    int32 nLen = 15000;
-    r.nRet = m_cache.ReadCurRecord(hs[7], buf.data(), &nLen);
-    return r;
-  }, false);
+  Sweep(
+      [&](auto& hs) {
+        OpResult r;
+        std::vector<char> buf(15000);
+        int32 nLen = 15000;
+        r.nRet = m_cache.ReadCurRecord(hs[7], buf.data(), &nLen);
+        return r;
+      },
+      false);
 }
 
 TEST_F(FaultTest, CredentialsAndNewServerInfoBlock) {

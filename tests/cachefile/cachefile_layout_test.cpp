@@ -115,8 +115,8 @@ TEST_F(LayoutTest, HeaderChecksRunInOrderWithTheirMessages) {
     logc_capture_take();
     EXPECT_EQ(EC_CACHE_BAD_HEADER, Open(9));
     EXPECT_TRUE(logc_capture_has(LL_ERROR, EC_CACHE_BAD_HEADER, c.szMsg));
-    EXPECT_TRUE(logc_capture_has(LL_ERROR, EC_CACHE_BAD_HEADER,
-                                 "load file base info from disk failed"));
+    EXPECT_TRUE(
+        logc_capture_has(LL_ERROR, EC_CACHE_BAD_HEADER, "load file base info from disk failed"));
     if (c.nOffset < 12) {
       EXPECT_FALSE(logc_capture_has(LL_ERROR, -1, "invalid server info head number"));
     }
@@ -217,7 +217,7 @@ TEST_F(LayoutTest, EighteenthEntryTakesANewServerInfoBlock) {
   EXPECT_EQ(17, hs[16]->nOrderInBlock);
   EXPECT_EQ(1, hs[17]->nBlockNo);
   EXPECT_EQ(1, hs[17]->nOrderInBlock);
-  EXPECT_EQ(1, ReadI32(m_strPath, 128));         // block 0 next
+  EXPECT_EQ(1, ReadI32(m_strPath, 128));          // block 0 next
   EXPECT_EQ(-1, ReadI32(m_strPath, BlockAt(1)));  // new block next
   EXPECT_EQ(0, ReadI32(m_strPath, BlockAt(1) + 4));
   EXPECT_EQ(1, ReadI32(m_strPath, BlockAt(1) + 8));
@@ -385,7 +385,8 @@ TEST_F(StartUpTest, InvalidEntryCountFails) {
   WriteI32(m_strPath, 136, 18);
   EXPECT_EQ(EC_CACHE_BAD_SRV_COUNT, Open(1));
   EXPECT_TRUE(logc_capture_has(LL_ERROR, EC_CACHE_BAD_SRV_COUNT, "invalid server count"));
-  EXPECT_TRUE(logc_capture_has(LL_ERROR, EC_CACHE_BAD_SRV_COUNT, "load srvs info from disk failed"));
+  EXPECT_TRUE(
+      logc_capture_has(LL_ERROR, EC_CACHE_BAD_SRV_COUNT, "load srvs info from disk failed"));
   WriteI32(m_strPath, 136, -1);
   EXPECT_EQ(EC_CACHE_BAD_SRV_COUNT, Open(1));
 }

@@ -104,8 +104,7 @@ TEST_P(ModelTest, RandomOperationsMatchFifoModel) {
         q.push_back(ModelRec{nId, nLen});
       } else {
         ++nFailedSaves;
-        ASSERT_TRUE(nRet == EC_CACHE_NO_ROOM || nRet == EC_NO_MEMORY ||
-                    nRet == EC_CACHE_NO_VICTIM)
+        ASSERT_TRUE(nRet == EC_CACHE_NO_ROOM || nRet == EC_NO_MEMORY || nRet == EC_CACHE_NO_VICTIM)
             << "step " << nStep << " status " << nRet;
       }
       bAllowDrops = true;

@@ -119,8 +119,8 @@ inline void ExpectConsistent(const std::string& strPath, int32 nMb, CCacheFile* 
     CacheCheckState st = CacheFileTestAccess::State(*pCache);
     stats.clear();
     ASSERT_EQ(0, cache_file_check_state(strPath.c_str(), nMb, &st, &memFindings, &stats));
-    EXPECT_EQ(0, cache_check_count(memFindings, CACHE_CHECK_DAMAGE))
-        << "memory:\n" << Describe(memFindings);
+    EXPECT_EQ(0, cache_check_count(memFindings, CACHE_CHECK_DAMAGE)) << "memory:\n"
+                                                                     << Describe(memFindings);
     if (!bLeaksOk) {
       EXPECT_EQ(0, cache_check_count(memFindings, CACHE_CHECK_LEAK)) << Describe(memFindings);
     }
