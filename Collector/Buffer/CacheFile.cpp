@@ -840,7 +840,6 @@ int32 CCacheFile::AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot) 
     fb.nIdleHeadNo = nOldIdle;
     return nRet;
   }
-  const int32 nOldTotal = fb.nTotalBlockNum;
   while (nGot < nCount && kHeaderSize + static_cast<int64>(fb.nTotalBlockNum + 1) * fb.nBlockSize <=
                               static_cast<int64>(m_nMaxFileSize) * kBytesPerMb) {
     pBlockNos[nGot++] = fb.nTotalBlockNum++;
@@ -853,7 +852,6 @@ int32 CCacheFile::AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot) 
       // counted on disk already, and a leak is harmless where a block
       // handed out twice is not.
       fb.nIdleHeadNo = nOldIdle;
-      (void)nOldTotal;
       LOGC_WRITE(m_cat, LL_ERROR, nRet, "save file base info to disk failed");
       return nRet;
     }
