@@ -19,11 +19,11 @@ namespace {
 
 constexpr const char* kLogCategory = "Zandor.Buffer";
 
-// Attempts to take a busy victim's mutex before a preemption gives up. A
-// victim that is busy for longer is most likely waiting for the allocation
-// lock this thread holds (two savers on two entries), so waiting on would
-// deadlock.
-constexpr int32 kVictimLockTries = 200;
+// Attempts (1 ms apart) to take a busy victim's mutex before the preemption
+// passes to the next fullest entry. A victim busy for longer is most likely
+// held by a thread that waits for the allocation lock this thread holds (two
+// savers on two entries): waiting on would deadlock.
+constexpr int32 kVictimLockTries = 20;
 constexpr int32 kVictimLockWaitMs = 1;
 
 // The entry whose SaveRecord runs on this thread. A preemption started by
@@ -910,6 +910,7 @@ int32 CCacheFile::PreemptDataBlock(int32* pBlockNo) {
     return EC_CACHE_NO_VICTIM;
   }
   std::vector<const SrvInfo*> refused;
+  bool bOnlyBusy = true;
   while (true) {
     SrvInfo* pVictim = nullptr;
     int32 nMaxBlockCount = 0;
@@ -923,6 +924,10 @@ int32 CCacheFile::PreemptDataBlock(int32* pBlockNo) {
       pVictim = pSrv;
     }
     if (pVictim == nullptr) {
+      if (!refused.empty() && bOnlyBusy) {
+        LOGC_WRITE(m_cat, LL_ERROR, EC_NO_MEMORY, "preempt data block from srv failed");
+        return EC_NO_MEMORY;
+      }
       if (!refused.empty()) {
         LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_NO_ROOM,
                    "no block can be taken without dropping the record being saved");
@@ -933,10 +938,11 @@ int32 CCacheFile::PreemptDataBlock(int32* pBlockNo) {
     }
     int32 nRet = PreemptDataBlockFromSrv(pVictim, pBlockNo);
     if (nRet == 0) return 0;
-    if (nRet == EC_CACHE_NO_ROOM) {
+    if (nRet == EC_CACHE_NO_ROOM || nRet == EBUSY) {
       // The saving entry itself, whose records all lie in the block being
-      // written: try the next fullest entry.
+      // written, or an entry another thread holds: try the next fullest.
       refused.push_back(pVictim);
+      bOnlyBusy = bOnlyBusy && nRet == EBUSY;
       continue;
     }
     LOGC_WRITE(m_cat, LL_ERROR, EC_NO_MEMORY, "preempt data block from srv failed");

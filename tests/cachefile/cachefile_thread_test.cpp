@@ -74,4 +74,47 @@ TEST_F(ThreadTest, SaveAndDeleteWhileCredentialsChange) {
   ExpectConsistent(m_strPath, 1, &m_cache, false);
 }
 
+// Two savers on two entries of a full file preempt each other: a save holds
+// its own entry's mutex while the preemption wants the other's, which that
+// thread may hold while it waits for the allocation lock. The preemption
+// must give up rather than wait for ever.
+TEST_F(ThreadTest, TwoSaversPreemptingEachOtherDoNotDeadlock) {
+  ASSERT_EQ(0, Open(1));
+  SrvHandle h[2] = {nullptr, nullptr};
+  ASSERT_EQ(0, CacheFileTestAccess::AddSrv(m_cache, 1, 1, &h[0]));
+  ASSERT_EQ(0, CacheFileTestAccess::AddSrv(m_cache, 2, 1, &h[1]));
+  std::atomic<int32> nUnexpected{0};
+  std::atomic<int32> nFailedSaves{0};
+  auto work = [&](int32 t) {
+    std::vector<char> buf(70000);
+    uint32 nId = static_cast<uint32>(t) << 24;
+    for (int32 i = 0; i < 1000; ++i) {
+      if (i % 4 != 3) {
+        int32 nLen = 1 + static_cast<int32>((nId * 7919u) % 40000u);
+        int32 nRet = Save(h[t], nId++, nLen);
+        if (nRet == EC_NO_MEMORY || nRet == EC_CACHE_NO_ROOM) {
+          ++nFailedSaves;
+        } else if (nRet != 0) {
+          ++nUnexpected;
+        }
+      } else if (m_cache.HasRecord(h[t])) {
+        int32 nLen = static_cast<int32>(buf.size());
+        int32 nRet = m_cache.ReadCurRecord(h[t], buf.data(), &nLen);
+        if (nRet == 0) nRet = m_cache.DelCurRecord(h[t]);
+        // A preemption by the other thread may empty the queue in between.
+        if (nRet != 0 && nRet != EC_CACHE_EMPTY) ++nUnexpected;
+      }
+    }
+  };
+  std::thread a(work, 0);
+  std::thread b(work, 1);
+  a.join();
+  b.join();
+  EXPECT_EQ(0, nUnexpected.load());
+  RecordProperty("failed_saves", nFailedSaves.load());
+  ExpectConsistent(m_strPath, 1, &m_cache, false);
+  ASSERT_EQ(0, Open(1));
+  ExpectConsistent(m_strPath, 1, &m_cache, false);
+}
+
 }  // namespace
