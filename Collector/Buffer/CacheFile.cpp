@@ -90,7 +90,17 @@ int32 GetInt32(const char* p) {
 }
 void PutInt32(char* p, int32 n) { memcpy(p, &n, sizeof(n)); }
 
-// nBlockNumUsed is read without the entry's mutex by the victim choice.
+// Fields read without the lock that guards their writers (the block count
+// and the server-info tail by range checks, nBlockNumUsed by the victim
+// choice, an entry's head and tail by HasRecord) are loaded and stored as
+// relaxed atomics: those readers want a recent value, not a consistent one.
+int32 LoadRelaxed(const int32& n) {
+  return std::atomic_ref<int32>(const_cast<int32&>(n)).load(std::memory_order_relaxed);
+}
+void StoreRelaxed(int32& n, int32 nValue) {
+  std::atomic_ref<int32>(n).store(nValue, std::memory_order_relaxed);
+}
+
 int32 LoadCount(const SrvInfo* pSrv) {
   return std::atomic_ref<int32>(const_cast<int32&>(pSrv->nBlockNumUsed))
       .load(std::memory_order_relaxed);
@@ -101,8 +111,8 @@ void StoreCount(SrvInfo* pSrv, int32 n) {
 
 void SetEmpty(SrvInfo* pSrv) {
   StoreCount(pSrv, 0);
-  pSrv->nHeadNo = kNoBlock;
-  pSrv->nTailNo = kNoBlock;
+  StoreRelaxed(pSrv->nHeadNo, kNoBlock);
+  StoreRelaxed(pSrv->nTailNo, kNoBlock);
   pSrv->nReadOffset = 0;
   pSrv->nWriteOffset = 0;
 }
@@ -110,8 +120,8 @@ void SetEmpty(SrvInfo* pSrv) {
 // The persisted chain fields, for restoring an entry after a failed commit.
 void CopyChainFields(SrvInfo* pTo, const SrvInfo& from) {
   StoreCount(pTo, from.nBlockNumUsed);
-  pTo->nHeadNo = from.nHeadNo;
-  pTo->nTailNo = from.nTailNo;
+  StoreRelaxed(pTo->nHeadNo, from.nHeadNo);
+  StoreRelaxed(pTo->nTailNo, from.nTailNo);
   pTo->nReadOffset = from.nReadOffset;
   pTo->nWriteOffset = from.nWriteOffset;
 }
@@ -180,7 +190,7 @@ int32 CCacheFile::WriteAt(int64 nOffset, const void* pBuf, int32 nLen) {
 
 bool CCacheFile::IsDataBlockNo(int32 nBlockNo) const {
   // Block 0 is always a server-info block; a link to it is damage.
-  return nBlockNo >= 1 && nBlockNo < m_fileBlockInfo.nTotalBlockNum;
+  return nBlockNo >= 1 && nBlockNo < LoadRelaxed(m_fileBlockInfo.nTotalBlockNum);
 }
 
 // ---- Open, create, close -------------------------------------------------------
@@ -378,7 +388,7 @@ int32 CCacheFile::Release() {
 // ---- Server entries --------------------------------------------------------------
 
 bool CCacheFile::HasRecord(SrvHandle hSrv) {
-  return hSrv->nHeadNo != kNoBlock && hSrv->nTailNo != kNoBlock;
+  return LoadRelaxed(hSrv->nHeadNo) != kNoBlock && LoadRelaxed(hSrv->nTailNo) != kNoBlock;
 }
 
 int32 CCacheFile::SaveSrvInfoToDisk(SrvInfo* pSrvInfo) {
@@ -503,7 +513,7 @@ int32 CCacheFile::SaveSrvInfo(uint32 nIP, uint16 nPort, SrvHandle* pHSrvInfo) {
     }
     {
       CLock lockAlloc(fb.mutexAlockBlock);
-      fb.nSrvInfoTailNo = nNewBlock;
+      StoreRelaxed(fb.nSrvInfoTailNo, nNewBlock);
       nRet = SaveFileBaseInfoToDisk();
     }
     if (nRet != 0) {
@@ -783,7 +793,10 @@ int32 CCacheFile::SetUserPassWord(SrvHandle hSrvInfo, const char* szUser, const 
       return 0;
     }
     int32 nNext = GetInt32(block.p + kSibNextOffset);
-    if (nBlock == fb.nSrvInfoTailNo || nNext < 0 || nNext >= fb.nTotalBlockNum) break;
+    if (nBlock == LoadRelaxed(fb.nSrvInfoTailNo) || nNext < 0 ||
+        nNext >= LoadRelaxed(fb.nTotalBlockNum)) {
+      break;
+    }
     nBlock = nNext;
   }
   LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_HEADER,
@@ -842,7 +855,8 @@ int32 CCacheFile::AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot) 
   }
   while (nGot < nCount && kHeaderSize + static_cast<int64>(fb.nTotalBlockNum + 1) * fb.nBlockSize <=
                               static_cast<int64>(m_nMaxFileSize) * kBytesPerMb) {
-    pBlockNos[nGot++] = fb.nTotalBlockNum++;
+    pBlockNos[nGot++] = fb.nTotalBlockNum;
+    StoreRelaxed(fb.nTotalBlockNum, fb.nTotalBlockNum + 1);
   }
   if (nGot > 0) {
     nRet = SaveFileBaseInfoToDisk();
@@ -1076,7 +1090,7 @@ int32 CCacheFile::PreemptDataBlockFromSrv(SrvInfo* pSrvInfo, int32* pBlockNo) {
     SetEmpty(pSrvInfo);
     freed.push_back(nB);
   } else {
-    pSrvInfo->nHeadNo = nB;
+    StoreRelaxed(pSrvInfo->nHeadNo, nB);
     pSrvInfo->nReadOffset = nP;
     StoreCount(pSrvInfo, nUsed);
   }
@@ -1265,13 +1279,13 @@ int32 CCacheFile::SaveRecord(SrvHandle hSrvInfo, void* pRecordsBuf, int32 nBufLe
   // may have moved its head; the snapshot is taken now.
   SrvInfo oldState = *hSrvInfo;
   if (bWasEmpty) {
-    hSrvInfo->nHeadNo = taken.front();
+    StoreRelaxed(hSrvInfo->nHeadNo, taken.front());
     hSrvInfo->nReadOffset = kDataAreaOffset;
     StoreCount(hSrvInfo, static_cast<int32>(taken.size()));
   } else {
     StoreCount(hSrvInfo, hSrvInfo->nBlockNumUsed + static_cast<int32>(taken.size()));
   }
-  hSrvInfo->nTailNo = nCur;
+  StoreRelaxed(hSrvInfo->nTailNo, nCur);
   hSrvInfo->nWriteOffset = nPos;
   bool bOldOnDisk = true;
   nRet = CommitEntry(hSrvInfo, oldState, "save srv into to disk failed", &bOldOnDisk);
@@ -1493,7 +1507,7 @@ int32 CCacheFile::DelCurRecord(SrvHandle hSrvInfo) {
     left.push_back(nCur);
     SetEmpty(hSrvInfo);
   } else {
-    hSrvInfo->nHeadNo = nCur;
+    StoreRelaxed(hSrvInfo->nHeadNo, nCur);
     hSrvInfo->nReadOffset = nPos;
     StoreCount(hSrvInfo, hSrvInfo->nBlockNumUsed - static_cast<int32>(left.size()));
   }
