@@ -13,7 +13,13 @@
 // Thread safety: after Init, the entry and record operations may be called
 // from several threads. Lock order: FileBaseInfo::mutexSrv, then an entry's
 // mutexSrv, then mutexAlockBlock, then (preemption) the victim's mutexSrv,
-// then mutexDisk (innermost). All mutexes are recursive.
+// then mutexDisk (innermost). All mutexes are recursive. The victim's mutex
+// is the one lock taken against the order (its owner may be waiting for
+// mutexAlockBlock): it is only tried, for up to 20 ms, and a victim that
+// stays busy is passed over for the next fullest entry.
+//
+// Ownership: the cache file owns every SrvInfo; a SrvHandle stays valid until
+// Release. Release must not run while another thread uses the object.
 #ifndef COLLECTOR_BUFFER_CACHEFILE_H_
 #define COLLECTOR_BUFFER_CACHEFILE_H_
 
