@@ -400,7 +400,7 @@ TEST_F(E2ETest, SigtermStopsTheServiceCleanly) {
   EXPECT_EQ(0, service.Wait(kServiceStopMs));
   EXPECT_LT(NowMs() - nStart, kServiceStopMs);
   ProcCommHandle h = nullptr;
-  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, proccomm_attach(m_szName.c_str(), &h));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <thread>
@@ -431,6 +432,67 @@ TEST_F(ProcCommProcessTest, CreatorReleaseTellsAttachedProcesses) {
   EXPECT_EQ(0u, Stats().nSent);
 }
 
+// A collector killed with queues registered: its registrations go, so its
+// empty queue disappears and its id is free again, while a queue another
+// process still holds stays.
+TEST_F(ProcCommProcessTest, RegistrationsOfADeadProcessAreDropped) {
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 8, 4096, 16, &m_h));
+  ProcCommQueueHandle hShared = nullptr;
+  ASSERT_EQ(0, proccomm_reg(m_h, 2, &hShared));
+  CPipe ready;
+  pid_t victim = Spawn([&] {
+    ProcCommHandle h = nullptr;
+    ProcCommQueueHandle h2 = nullptr, h3 = nullptr, h3b = nullptr;
+    if (proccomm_init(m_szName.c_str(), 8, 4096, 16, &h) != 0) return 2;
+    if (proccomm_reg(h, 2, &h2) != 0 || proccomm_reg(h, 3, &h3) != 0 ||
+        proccomm_reg(h, 3, &h3b) != 0)
+      return 3;
+    ready.Signal();
+    for (;;) pause();
+  });
+  ASSERT_TRUE(ready.Wait());
+  EXPECT_EQ(2, Stats().nQueuesInUse);
+  ASSERT_EQ(0, kill(victim, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, WaitChild(victim));
+  ProcCommStats st = Stats();  // finds the dead process
+  EXPECT_EQ(1, st.nAttached);
+  EXPECT_EQ(1, st.nQueuesInUse);
+  int32 nId = 0;
+  ASSERT_EQ(0, proccomm_get_unused_queueid(m_h, &nId));
+  EXPECT_EQ(3, nId);
+  // Queue 2 still has our handle: one unreg frees it.
+  ASSERT_EQ(0, proccomm_unreg(m_h, 2, hShared));
+  EXPECT_EQ(0, Stats().nQueuesInUse);
+}
+
+// proccomm_attach never creates: it finds no instance, then the live one,
+// then leaves a stale one for the next creator.
+TEST_F(ProcCommProcessTest, AttachOnlyNeverCreatesOrReplaces) {
+  std::string szPath = "/dev/shm/zdpcm." + m_szName;
+  struct stat st;
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, proccomm_attach(m_szName.c_str(), &m_h));
+  EXPECT_EQ(nullptr, m_h);
+  EXPECT_NE(0, stat(szPath.c_str(), &st));
+  CPipe ready;
+  pid_t creator = Spawn([&] {
+    ProcCommHandle h = nullptr;
+    if (proccomm_init(m_szName.c_str(), 2, 4096, 10, &h) != 0) return 2;
+    ready.Signal();
+    for (;;) pause();
+  });
+  ASSERT_TRUE(ready.Wait());
+  ASSERT_EQ(0, proccomm_attach(m_szName.c_str(), &m_h));
+  EXPECT_EQ(2, Stats().nAttached);
+  ASSERT_EQ(0, kill(creator, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, WaitChild(creator));
+  ASSERT_EQ(0, proccomm_release(m_h));
+  m_h = nullptr;
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, proccomm_attach(m_szName.c_str(), &m_h));
+  EXPECT_EQ(0, stat(szPath.c_str(), &st));  // still there, for the service to replace
+  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 2, 4096, 10, &m_h));
+  EXPECT_EQ(1, Stats().nAttached);
+}
+
 // Attachers take the creator's geometry whatever they ask for.
 TEST_F(ProcCommProcessTest, AttacherUsesTheCreatorsGeometry) {
   ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 2, 1024, 50, &m_h));
@@ -448,50 +510,3 @@ TEST_F(ProcCommProcessTest, AttacherUsesTheCreatorsGeometry) {
 
 }  // namespace
 
-// Attach only: never creates an instance, refuses a stale one and leaves it
-// for the next creator, and attaches to a live one like proccomm_init.
-TEST_F(ProcCommProcessTest, AttachOnlyNeedsALiveCreator) {
-  ProcCommHandle h = nullptr;
-  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_attach(m_szName.c_str(), nullptr));
-  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_attach(nullptr, &h));
-  EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_attach("bad name", &h));
-  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
-  EXPECT_EQ(nullptr, h);
-  // Still nothing: the refused attach created no instance of its own.
-  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
-
-  CPipe ready;
-  pid_t service = Spawn([&] {
-    ProcCommHandle hS = nullptr;
-    ProcCommQueueHandle hQ = nullptr;
-    if (proccomm_init(m_szName.c_str(), 8, 4096, 1000, &hS) != 0 || proccomm_reg(hS, 1, &hQ) != 0)
-      return 2;
-    ready.Signal();
-    for (;;) pause();
-  });
-  ASSERT_TRUE(ready.Wait());
-  ASSERT_EQ(0, proccomm_attach(m_szName.c_str(), &h));
-  ProcCommStats st{};
-  ASSERT_EQ(0, proccomm_get_stats(h, &st));
-  EXPECT_EQ(2, st.nAttached);
-  ProcCommQueueHandle hQ = nullptr;
-  ASSERT_EQ(0, proccomm_reg(h, 1, &hQ));
-  EXPECT_EQ(0, proccomm_send(hQ, "x", 1));
-
-  ASSERT_EQ(0, kill(service, SIGKILL));
-  EXPECT_EQ(128 + SIGKILL, WaitChild(service));
-  int32 nRet = 0;
-  for (int i = 0; i < 400 && (nRet = proccomm_send(hQ, "x", 1)) == 0; ++i) usleep(1000);
-  EXPECT_EQ(EC_RD_PROCCOMM_GONE, nRet);
-  proccomm_unreg(h, 1, hQ);
-  proccomm_release(h);
-  h = nullptr;
-  // The dead creator's object is still named, but it is not live.
-  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
-  EXPECT_EQ(nullptr, h);
-  // The next creator replaces it with a fresh instance.
-  ASSERT_EQ(0, proccomm_init(m_szName.c_str(), 8, 4096, 1000, &m_h));
-  EXPECT_EQ(0u, Stats().nSent);
-  ASSERT_EQ(0, proccomm_attach(m_szName.c_str(), &h));
-  proccomm_release(h);
-}

@@ -61,6 +61,15 @@ TEST_F(ProcCommTest, BadArgumentsAreRefusedWithAStatus) {
   // The queue table alone would not fit one MiB.
   EXPECT_EQ(EC_RD_PROCCOMM_INVALID_ARG, proccomm_init("x", 1, 4096, 60000, &h));
   EXPECT_EQ(nullptr, h);
+  // A '/' cannot lead out of the shared-memory directory.
+  std::string szSlashed = UniqueName("a/b");
+  ASSERT_EQ(0, proccomm_init(szSlashed.c_str(), 1, 4096, 4, &h));
+  struct stat stSlash;
+  std::string szMapped = szSlashed;
+  szMapped[szMapped.find('/')] = '_';
+  EXPECT_EQ(0, stat(("/dev/shm/zdpcm." + szMapped).c_str(), &stSlash));
+  EXPECT_EQ(0, proccomm_release(h));
+  h = nullptr;
 
   Open();
   ProcCommQueueHandle hQ = nullptr;
@@ -328,6 +337,43 @@ TEST_F(ProcCommTest, QueueIdsAreFreedAndReused) {
   EXPECT_EQ(1, Stats().nQueuesInUse);
 }
 
+// A full table makes room for a new queue by dropping one that nobody has
+// registered (a reply for a collector that never came); queues with a
+// handle are never dropped.
+TEST_F(ProcCommTest, FullTableEvictsOnlyAnUnregisteredQueue) {
+  Open(1, 4096, 4);
+  ProcCommQueueHandle hKeep = Reg(1);
+  const uint32 nTotal = Stats().nTotalBlocks;
+  for (int32 nId = 2; nId <= 4; ++nId) {
+    ProcCommQueueHandle h = nullptr;
+    ASSERT_EQ(0, proccomm_reg(m_h, nId, &h));
+    std::vector<char> buf(static_cast<size_t>(nId) * 4096, 'o');
+    ASSERT_EQ(0, proccomm_send(h, buf.data(), static_cast<int32>(buf.size())));
+    ASSERT_EQ(0, proccomm_unreg(m_h, nId, h));  // left holding its message
+  }
+  ASSERT_EQ(0, proccomm_send(hKeep, "k", 1));
+  EXPECT_EQ(4, Stats().nQueuesInUse);
+  int32 nId = 0;
+  ASSERT_EQ(0, proccomm_get_unused_queueid(m_h, &nId));  // an orphan can make way
+  EXPECT_EQ(5, nId);
+  ProcCommQueueHandle hNew = Reg(nId);
+  ASSERT_NE(nullptr, hNew);
+  ProcCommStats st = Stats();
+  EXPECT_EQ(1u, st.nEvictedQueues);
+  EXPECT_EQ(4, st.nQueuesInUse);
+  EXPECT_EQ(nTotal - 1 - (3 + 4), st.nFreeBlocks);  // queue 2's two blocks came back
+  // Fill the table with registered queues: nothing more can be evicted.
+  Reg(6);
+  Reg(7);
+  ProcCommQueueHandle hNone = nullptr;
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_QUEUE, proccomm_reg(m_h, 8, &hNone));
+  EXPECT_EQ(EC_RD_PROCCOMM_NO_QUEUE, proccomm_get_unused_queueid(m_h, &nId));
+  char c;
+  int32 nLen = 1;
+  ASSERT_EQ(0, proccomm_recv(hKeep, &c, &nLen, 0, 0));
+  EXPECT_EQ('k', c);
+}
+
 TEST_F(ProcCommTest, TimeoutsAndImmediateReturns) {
   Open();
   ProcCommQueueHandle hQ = Reg(5);
@@ -388,6 +434,27 @@ TEST_F(ProcCommTest, QuitWakesAWaitingReceiverInAnotherThread) {
   ASSERT_EQ(0, proccomm_recv_quit(hQ));
   waiter.join();
   EXPECT_EQ(EC_RD_PROCCOMM_RECV_QUIT, nResult.load());
+}
+
+// Quit racing with the receiver going to sleep, many times: a lost wake-up
+// would leave the waiter asleep past the generous time-out.
+TEST_F(ProcCommTest, QuitRacingWithTheWaitIsNeverLost) {
+  Open();
+  for (int i = 0; i < 300; ++i) {
+    ProcCommQueueHandle hQ = nullptr;
+    ASSERT_EQ(0, proccomm_reg(m_h, 40, &hQ));
+    std::atomic<int32> nResult{-1};
+    std::thread waiter([&] {
+      char buf[8];
+      int32 nLen = 8;
+      nResult = proccomm_recv(hQ, buf, &nLen, 1, 3000);
+    });
+    for (int k = 0; k < (i % 7) * 50; ++k) std::this_thread::yield();
+    ASSERT_EQ(0, proccomm_recv_quit(hQ));
+    waiter.join();
+    ASSERT_EQ(EC_RD_PROCCOMM_RECV_QUIT, nResult.load()) << i;
+    ASSERT_EQ(0, proccomm_unreg(m_h, 40, hQ));
+  }
 }
 
 // Several senders and receivers in threads of one process, against a model:

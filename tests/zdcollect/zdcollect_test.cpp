@@ -283,7 +283,7 @@ TEST_F(ZdCollectTest, MissingServiceIsReportedAndNoInstanceIsCreated) {
   EXPECT_LT(e2e::NowMs() - nStart, 3000);
   EXPECT_NE(std::string::npos, szErr.find("is zdBuffer running?")) << szErr;
   ProcCommHandle h = nullptr;
-  EXPECT_EQ(EC_RD_PROCCOMM_NO_INSTANCE, proccomm_attach(m_szName.c_str(), &h));
+  EXPECT_EQ(EC_RD_PROCCOMM_GONE, proccomm_attach(m_szName.c_str(), &h));
 
   // A collector that waits for the service finds it once it is up.
   CProcess collector;

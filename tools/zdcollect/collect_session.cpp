@@ -44,7 +44,7 @@ int32 CCollectSession::Attach(int32 nWaitMs) {
   int64 nDeadline = now_ms() + nWaitMs;
   for (;;) {
     int32 nRet = proccomm_attach(m_target.szInstance, &m_hInstance);
-    if (nRet != EC_RD_PROCCOMM_NO_INSTANCE) {
+    if (nRet != EC_RD_PROCCOMM_GONE) {
       if (nRet == 0) nRet = proccomm_reg(m_hInstance, BUFFER_CTRL_QUEUE_ID, &m_hControl);
       return nRet;
     }

@@ -36,7 +36,10 @@ enum {
   EC_CACHE_NO_VICTIM = 113208,     /* no block can be taken from any server */
   EC_CACHE_TOO_LARGE = 113209,     /* existing file larger than the configured size */
   EC_CACHE_BAD_HEADER = 113211,    /* header or server-info chain invalid */
-  EC_CACHE_BAD_SRV_COUNT = 113212  /* server-info block holds an invalid entry count */
+  EC_CACHE_BAD_SRV_COUNT = 113212, /* server-info block holds an invalid entry count */
+  EC_CACHE_REC_TOO_LARGE = 113213, /* record larger than the cache file can ever hold */
+  EC_CACHE_NO_ROOM = 113214,       /* no block can be made without dropping the record being saved */
+  EC_CACHE_BAD_CHAIN = 113215      /* a data chain or idle link is out of range (damaged file) */
 };
 
 #endif /* ZDHEADERS_INCLUDE_ZD_ERRCODE_H_ */

@@ -17,8 +17,8 @@
  *    own size arguments are only checked for range.
  *  - proccomm_release detaches. When the creator releases, the instance is
  *    marked gone and removed from the name space; the other attachers then
- *    get EC_RD_PROCCOMM_GONE from send and recv, and should release and call
- *    proccomm_init again. A creator that died without releasing is noticed
+ *    get EC_RD_PROCCOMM_GONE from send, recv and reg, and should release and
+ *    attach again (collectors: proccomm_attach), then re-announce. A creator that died without releasing is noticed
  *    by senders and receivers within about 100 ms.
  *  - A handle is not inherited across fork(): a child calls proccomm_init.
  *    Queue handles must be unregistered before their instance is released.
@@ -66,9 +66,7 @@ enum {
   /* too many processes attached (PROCCOMM_MAX_ATTACH) */
   EC_RD_PROCCOMM_NO_SLOT = 116110,
   /* unreg with an id or instance that do not match the queue handle */
-  EC_RD_PROCCOMM_NOT_REGISTERED = 116111,
-  /* proccomm_attach: no instance of that name, or its creator is dead */
-  EC_RD_PROCCOMM_NO_INSTANCE = 116112
+  EC_RD_PROCCOMM_NOT_REGISTERED = 116111
 };
 
 enum {
@@ -86,18 +84,22 @@ enum {
  * greatest number of queues alive at once (2..65536). */
 int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues,
                     ProcCommHandle* phOut);
-/* Attaches to the live instance szName (same name rules) without ever
- * creating or replacing it: EC_RD_PROCCOMM_NO_INSTANCE when none exists or
- * its creator died (the stale instance is left for the next proccomm_init).
- * For collectors, which must not stand in for an absent service. */
+/* Attaches to the live instance szName, never creating one: for collectors,
+ * so that one started before the service does not become the creator (and
+ * take the instance away when it exits). EC_RD_PROCCOMM_GONE when there is
+ * no instance or only a stale one (retry later). */
 int32 proccomm_attach(const char* szName, ProcCommHandle* phOut);
+
 /* Detaches and frees the handle; the creator also removes the instance. */
 int32 proccomm_release(ProcCommHandle h);
 
 /* Attaches to queue nQueueId (>= 1), creating it when new. Each successful
  * reg returns its own handle (with its own quit latch) and must be matched
  * by one unreg. A queue disappears when its last handle is unregistered and
- * it holds no message; until then its id is in use. */
+ * it holds no message; until then its id is in use. The registrations of a
+ * process that dies are dropped. When the table is full, a new queue takes
+ * the place of a queue that nobody has registered (its messages are
+ * dropped and counted in ProcCommStats.nEvictedQueues). */
 int32 proccomm_reg(ProcCommHandle h, int32 nQueueId, ProcCommQueueHandle* phQueue);
 int32 proccomm_unreg(ProcCommHandle h, int32 nQueueId, ProcCommQueueHandle hQueue);
 
@@ -113,8 +115,8 @@ int32 proccomm_unreg(ProcCommHandle h, int32 nQueueId, ProcCommQueueHandle hQueu
  * the rest is dropped and counted in ProcCommStats.nCutMessages. */
 int32 proccomm_recv(ProcCommQueueHandle hQueue, char* pBuf, int32* pnLen, int32 bWait,
                     uint32 nTimeoutMs);
-/* Latches quit on the handle and wakes its waiting receive. Async-safe with
- * respect to other threads; may be called before, during or after a wait. */
+/* Latches quit on the handle and wakes its waiting receive. Meant to be
+ * called from another thread; may come before, during or after a wait. */
 int32 proccomm_recv_quit(ProcCommQueueHandle hQueue);
 
 /* Copies one message (1..PROCCOMM_MAX_MSG_LEN bytes) into the queue and
@@ -124,7 +126,7 @@ int32 proccomm_recv_quit(ProcCommQueueHandle hQueue);
 int32 proccomm_send(ProcCommQueueHandle hQueue, const char* pBuf, int32 nLen);
 
 /* The smallest queue id > 1 that no queue uses, or EC_RD_PROCCOMM_NO_QUEUE
- * when the queue table is full. */
+ * when the queue table is full of registered queues. */
 int32 proccomm_get_unused_queueid(ProcCommHandle h, int32* pnQueueId);
 
 /* The free share of the message pool, 0.0..1.0 (-1.0 for a null handle). */
@@ -139,6 +141,7 @@ typedef struct ProcCommStats {
   uint64 nRefusedTooLarge; /* sends refused with EC_RD_PROCCOMM_MSG_TOO_LARGE */
   uint64 nRecoveries;      /* repairs after a process died holding the lock */
   uint64 nReclaimedBlocks; /* blocks taken back from dead processes */
+  uint64 nEvictedQueues;   /* unregistered queues dropped, with their messages, for a new one */
   uint32 nTotalBlocks;     /* blocks in the pool */
   uint32 nFreeBlocks;      /* blocks free now */
   int32 nBlockSize;        /* bytes per block */

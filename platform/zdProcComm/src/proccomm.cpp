@@ -327,6 +327,58 @@ int32 inflight_take(proccomm_instance* p, uint32 nFirst, uint32 nBlocks) {
   return -1;
 }
 
+// Frees queue slot q (lock held): its messages' chains go back to the pool.
+void free_queue(proccomm_instance* p, SQueue* q) {
+  uint32 b = q->nHead;
+  for (uint32 n = q->nCount.load(std::memory_order_relaxed); n > 0 && b < p->nBlocks; --n) {
+    uint32 nNextMsg = block(p, b)->nNextMsg;
+    free_chain(p, b, block(p, b)->nMsgBlocks);
+    b = nNextMsg;
+  }
+  q->nHead = kNil;
+  q->nTail = kNil;
+  q->nCount.store(0);
+  q->nRefs = 0;
+  crash_order();
+  q->nId = 0;
+  p->pHdr->nQueuesInUse--;
+}
+
+// Records one more (nDelta 1) or one less (-1) handle of our slot on queue
+// slot nQueue (lock held).
+void track_reg(proccomm_instance* p, uint32 nQueue, int32 nDelta) {
+  zdpc::SAttachReg* pRegs = p->pHdr->attach[p->nAttach].regs;
+  zdpc::SAttachReg* pFree = nullptr;
+  for (int32 i = 0; i < zdpc::kMaxRegsPerAttach; ++i) {
+    if (pRegs[i].nCount > 0 && pRegs[i].nQueue == nQueue) {
+      pRegs[i].nCount += nDelta;
+      return;
+    }
+    if (pRegs[i].nCount <= 0 && pFree == nullptr) pFree = &pRegs[i];
+  }
+  if (nDelta > 0 && pFree != nullptr) {
+    pFree->nQueue = nQueue;
+    pFree->nCount = nDelta;
+  }
+}
+
+// Drops the queue registrations of slot nSlot (a dead process, or our own
+// release); a queue left without handles and messages is freed (lock held,
+// queue counts consistent).
+void drop_regs(proccomm_instance* p, int32 nSlot) {
+  zdpc::SAttachReg* pRegs = p->pHdr->attach[nSlot].regs;
+  for (int32 i = 0; i < zdpc::kMaxRegsPerAttach; ++i) {
+    if (pRegs[i].nCount > 0 && pRegs[i].nQueue < p->nMaxQueues) {
+      SQueue* q = &p->pQueues[pRegs[i].nQueue];
+      if (q->nId != 0) {
+        q->nRefs = q->nRefs > pRegs[i].nCount ? q->nRefs - pRegs[i].nCount : 0;
+        if (q->nRefs == 0 && q->nCount.load() == 0) free_queue(p, q);
+      }
+    }
+    pRegs[i].nCount = 0;
+  }
+}
+
 // Drops attach slot nSlot of a dead process and gives its in-flight chains
 // back to the free stack. Only called when the lock is consistent, so no
 // such chain is also on a queue (send queues a chain only after clearing its
@@ -343,6 +395,7 @@ void reclaim_slot(proccomm_instance* p, int32 nSlot) {
     h->nInflightUsed.fetch_sub(1, std::memory_order_relaxed);
   }
   if (h->attach[nSlot].bUsed) {
+    drop_regs(p, nSlot);
     h->attach[nSlot].bUsed = 0;
     h->nAttached--;
   }
@@ -438,10 +491,12 @@ void repair(proccomm_instance* p) {
   uint32 nFreeBefore = h->nFreeTop.load();
 
   h->nAttached = 0;
+  bool bDead[PROCCOMM_MAX_ATTACH] = {};
   for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
     if (!h->attach[i].bUsed) continue;
     if (i != p->nAttach && !byte_held_by_other(p->nFd, zdpc::kLockByteAttach0 + i)) {
       h->attach[i].bUsed = 0;
+      bDead[i] = true;
     } else {
       h->nAttached++;
     }
@@ -481,6 +536,11 @@ void repair(proccomm_instance* p) {
     q->nTail = nPrev;
     q->nCount.store(nCount);
     if (q->nRefs < 0) q->nRefs = 0;
+  }
+  // With the queues consistent again, the dead processes' registrations go
+  // (a queue freed here is empty, so it gives no block back).
+  for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
+    if (bDead[i]) drop_regs(p, i);
   }
   uint32 nTop = 0;
   for (uint32 b = p->nBlocks; b-- > 0;) {  // lowest index on top
@@ -601,6 +661,7 @@ int32 claim_slot(proccomm_instance* p) {
   for (int32 i = 0; i < PROCCOMM_MAX_ATTACH; ++i) {
     if (ofd_lock(p->nFd, zdpc::kLockByteAttach0 + i, false) != 0) continue;  // a live owner
     if (h->attach[i].bUsed) reclaim_slot(p, i);  // its owner died without releasing
+    for (int32 k = 0; k < zdpc::kMaxRegsPerAttach; ++k) h->attach[i].regs[k].nCount = 0;
     h->attach[i].nPid = getpid();
     h->attach[i].bUsed = 1;
     h->nAttached++;
@@ -684,14 +745,13 @@ void retire_stale(proccomm_instance* p, size_t nSize) {
 }
 
 // Under the name's init lock: attach to a live instance, or replace a stale
-// one, or create it. With pGeo null (attach only) neither a missing nor a
-// stale instance is touched: EC_RD_PROCCOMM_NO_INSTANCE.
+// one, or create it. With no geometry (attach only), a missing or stale
+// instance is EC_RD_PROCCOMM_GONE and is left for its creator to replace.
 int32 open_locked(proccomm_instance* p, const SGeometry* pGeo) {
   p->nFd = shm_open(p->szShmName, O_RDWR | O_CLOEXEC, 0);
   if (p->nFd < 0) {
     if (errno != ENOENT) return system_error(errno);
-    if (pGeo == nullptr) return EC_RD_PROCCOMM_NO_INSTANCE;
-    return create_instance(p, *pGeo);
+    return pGeo != nullptr ? create_instance(p, *pGeo) : EC_RD_PROCCOMM_GONE;
   }
   struct stat st;
   if (fstat(p->nFd, &st) != 0) {
@@ -703,7 +763,7 @@ int32 open_locked(proccomm_instance* p, const SGeometry* pGeo) {
   if (!byte_held_by_other(p->nFd, zdpc::kLockByteCreator)) {
     if (pGeo == nullptr) {
       unmap_close(p);
-      return EC_RD_PROCCOMM_NO_INSTANCE;
+      return EC_RD_PROCCOMM_GONE;
     }
     retire_stale(p, nSize);
     return create_instance(p, *pGeo);
@@ -783,24 +843,8 @@ void take_message(proccomm_instance* p, SQueue* q, char* pBuf, int32* pnLen) {
   *pnLen = nCopy;
 }
 
-}  // namespace
-
-extern "C" {
-
-void proccomm_test_set_hook(ProcCommTestHook fn) { g_pHook.store(fn); }
-
-int32 proccomm_set_create_mode(uint32 nMode) {
-  if ((nMode & ~kModeBits) != 0) return EC_RD_PROCCOMM_INVALID_ARG;
-  g_nCreateMode.store(static_cast<int32>(nMode));
-  return 0;
-}
-
-int32 proccomm_last_errno(void) { return t_nLastErrno; }
-
-namespace {
-
-// proccomm_init and proccomm_attach: pGeo null means attach only.
 int32 open_instance(const char* szName, const SGeometry* pGeo, ProcCommHandle* phOut) {
+  if (szName == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
   proccomm_instance* p = new (std::nothrow) proccomm_instance;
   if (p == nullptr) return system_error(ENOMEM);
   p->nMagic = 0;
@@ -833,11 +877,23 @@ int32 open_instance(const char* szName, const SGeometry* pGeo, ProcCommHandle* p
 
 }  // namespace
 
+extern "C" {
+
+void proccomm_test_set_hook(ProcCommTestHook fn) { g_pHook.store(fn); }
+
+int32 proccomm_set_create_mode(uint32 nMode) {
+  if ((nMode & ~kModeBits) != 0) return EC_RD_PROCCOMM_INVALID_ARG;
+  g_nCreateMode.store(static_cast<int32>(nMode));
+  return 0;
+}
+
+int32 proccomm_last_errno(void) { return t_nLastErrno; }
+
 int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int32 nMaxQueues,
                     ProcCommHandle* phOut) {
   if (phOut == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
   *phOut = nullptr;
-  if (szName == nullptr || nMemSizeMb < 1 || nMemSizeMb > 65536 || nBlockSize < 256 ||
+  if (nMemSizeMb < 1 || nMemSizeMb > 65536 || nBlockSize < 256 ||
       nBlockSize > PROCCOMM_MAX_MSG_LEN || nBlockSize % 64 != 0 || nMaxQueues < 2 ||
       nMaxQueues > 65536)
     return EC_RD_PROCCOMM_INVALID_ARG;
@@ -850,7 +906,6 @@ int32 proccomm_init(const char* szName, int32 nMemSizeMb, int32 nBlockSize, int3
 int32 proccomm_attach(const char* szName, ProcCommHandle* phOut) {
   if (phOut == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
   *phOut = nullptr;
-  if (szName == nullptr) return EC_RD_PROCCOMM_INVALID_ARG;
   return open_instance(szName, nullptr, phOut);
 }
 
@@ -904,6 +959,18 @@ int32 proccomm_reg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle* phQueu
     }
     if (nFree == kNil && p->pQueues[qi].nId == 0) nFree = qi;
   }
+  if (nFound == kNil && nFree == kNil) {
+    // The table is full: a queue nobody has registered (messages for a
+    // process that never came or died) makes way. Its messages are dropped.
+    for (uint32 qi = 0; qi < p->nMaxQueues; ++qi) {
+      if (p->pQueues[qi].nRefs == 0) {
+        free_queue(p, &p->pQueues[qi]);
+        bump(p->pHdr->nEvictedQueues);
+        nFree = qi;
+        break;
+      }
+    }
+  }
   if (nFound == kNil && nFree != kNil) {
     SQueue* q = &p->pQueues[nFree];
     q->nRefs = 0;
@@ -915,7 +982,10 @@ int32 proccomm_reg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle* phQueu
     p->pHdr->nQueuesInUse++;
     nFound = nFree;
   }
-  if (nFound != kNil) p->pQueues[nFound].nRefs++;
+  if (nFound != kNil) {
+    p->pQueues[nFound].nRefs++;
+    track_reg(p, nFound, 1);
+  }
   unlock(p);
   if (nFound == kNil) {
     delete pq;
@@ -938,6 +1008,7 @@ int32 proccomm_unreg(ProcCommHandle p, int32 nQueueId, ProcCommQueueHandle pq) {
   SQueue* q = &p->pQueues[pq->nIndex];
   if (q->nId == nQueueId) {
     if (q->nRefs > 0) q->nRefs--;
+    track_reg(p, pq->nIndex, -1);
     // A queue still holding messages stays (and keeps its id in use) until
     // someone registers and drains it.
     if (q->nRefs == 0 && q->nCount.load() == 0) {
@@ -1084,8 +1155,12 @@ int32 proccomm_get_unused_queueid(ProcCommHandle p, int32* pnQueueId) {
   int32 nRet = lock(p);
   if (nRet != 0) return nRet;
   if (p->pHdr->nQueuesInUse >= static_cast<int32>(p->nMaxQueues)) {
-    unlock(p);
-    return EC_RD_PROCCOMM_NO_QUEUE;
+    bool bOrphan = false;  // a reg of a new id would evict it
+    for (uint32 qi = 0; qi < p->nMaxQueues && !bOrphan; ++qi) bOrphan = p->pQueues[qi].nRefs == 0;
+    if (!bOrphan) {
+      unlock(p);
+      return EC_RD_PROCCOMM_NO_QUEUE;
+    }
   }
   // Fewer than nMaxQueues ids are taken, so one of 2..nMaxQueues+1 is free:
   // mark the taken ones of that range and pick the lowest free.
@@ -1129,6 +1204,7 @@ int32 proccomm_get_stats(ProcCommHandle p, ProcCommStats* pStats) {
   pStats->nRefusedTooLarge = h->nRefusedTooLarge.load();
   pStats->nRecoveries = h->nRecoveries.load();
   pStats->nReclaimedBlocks = h->nReclaimedBlocks.load();
+  pStats->nEvictedQueues = h->nEvictedQueues.load();
   pStats->nTotalBlocks = p->nBlocks;
   pStats->nFreeBlocks = h->nFreeTop.load();
   pStats->nBlockSize = static_cast<int32>(p->nBlockSize);

@@ -36,7 +36,7 @@
 namespace zdpc {
 
 constexpr uint32 kMagic = 0x4350445A;  // "ZDPC" in memory order
-constexpr uint32 kLayoutVersion = 2;
+constexpr uint32 kLayoutVersion = 3;
 constexpr uint32 kNil = 0xFFFFFFFFu;  // no block
 constexpr int32 kMaxInflight = 128;   // reservations copied outside the lock
 constexpr int64 kLockByteCreator = 0;
@@ -66,9 +66,20 @@ struct alignas(64) SQueue {
 static_assert(sizeof(SQueue) == 64);
 static_assert(std::atomic<uint32>::is_always_lock_free);
 
+// Queue registrations of one attach slot, so that those of a dead process
+// can be dropped. A process holding more than kMaxRegsPerAttach distinct
+// queues at once has the rest untracked (they stay counted if it dies).
+constexpr int32 kMaxRegsPerAttach = 16;
+
+struct SAttachReg {
+  uint32 nQueue;  // index in the queue table
+  int32 nCount;   // handles of this slot on it; 0: entry free
+};
+
 struct SAttach {
   int32 bUsed;
   int32 nPid;  // for diagnostics only; liveness is the lock byte
+  SAttachReg regs[kMaxRegsPerAttach];
 };
 
 // A chain taken off the free stack (send) or off a queue (receive) whose
@@ -112,9 +123,17 @@ struct SHeader {
   std::atomic<uint64> nRefusedTooLarge;  // counted without the lock
   std::atomic<uint64> nRecoveries;
   std::atomic<uint64> nReclaimedBlocks;
+  std::atomic<uint64> nEvictedQueues;
   SAttach attach[PROCCOMM_MAX_ATTACH];
   SInflight inflight[kMaxInflight];
 };
+
+// Pinned for layout version 3 (x86-64, glibc's 40-byte pthread_mutex_t):
+// a change here must bump kLayoutVersion, so that a process of another
+// build refuses the instance (EC_RD_PROCCOMM_INCOMPATIBLE) instead of
+// misreading it.
+static_assert(sizeof(SHeader) == 19200);
+static_assert(offsetof(SHeader, mutex) == 128);
 
 }  // namespace zdpc
 
