@@ -509,4 +509,3 @@ TEST_F(ProcCommProcessTest, AttacherUsesTheCreatorsGeometry) {
 }
 
 }  // namespace
-
