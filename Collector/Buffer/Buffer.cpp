@@ -6,6 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <list>
+
 #include "config_manager.h"
 #include "zd_errcode.h"
 
@@ -59,7 +61,109 @@ CBuffer::CBuffer()
       m_szCacheFileName(),
       m_cat(nullptr),
       m_hSema(-1),
-      m_bSemaAquired(false) {}
+      m_bSemaAquired(false),
+      m_hProComm(nullptr) {}
+
+int32 CBuffer::Init() {
+  int32 nRet = LoadConfig();
+  if (nRet != 0) {
+    printf("Load XML configure file failed. Error code:%d.\n", nRet);
+    return nRet;
+  }
+  printf("ProcName is %s\n", m_szProcName);
+
+  char szSemaName[sizeof(m_szProcName) + 8];
+  snprintf(szSemaName, sizeof(szSemaName), "%s_sema", m_szProcName);
+  nRet = os_proc_sema_init(szSemaName, 1, &m_hSema);
+  if (nRet != 0) {
+    m_hSema = -1;
+    return nRet;
+  }
+  nRet = os_proc_sema_tryacquire(m_hSema);
+  if (nRet != 0) return nRet;
+  m_bSemaAquired = true;
+
+  nRet = os_dir_create(m_szCacheFilePath);
+  if (nRet != 0) {
+    printf("Create directory with name %s failed.Error code:%d.\n", m_szCacheFilePath, nRet);
+    return nRet;
+  }
+  char szLogConfig[kConfigPathSize];
+  nRet = config_build_file_all_path_by_relative_path(szLogConfig, kConfigPathSize, "LogClient.xml");
+  if (nRet != 0) {
+    printf("Get config file path failed, error code is %d\n", nRet);
+    return nRet;
+  }
+  nRet = logc_init(szLogConfig, "Buffer");
+  if (nRet != 0) {
+    printf("Log init failed. Error code:%d.\n", nRet);
+    return nRet;
+  }
+  m_cat = logc_get_category("Zandor.Buffer");
+
+  nRet = proccomm_init(m_szProcName, m_nMemSizeMB, 4096, 1000, &m_hProComm);
+  if (nRet != 0) {
+    m_hProComm = nullptr;
+    LOGC_WRITE(m_cat, LL_ERROR, nRet, "ProcComm init failed");
+    return nRet;
+  }
+  // Path and prefix, an underscore and "buffer.buf" must fit 255 characters.
+  if (strlen(m_szCacheFilePath) + strlen(m_szCacheFilePrefix) + 11 > 255) {
+    LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_NAME_TOO_LONG, "Length of Cache file name is too long");
+    return EC_CACHE_NAME_TOO_LONG;
+  }
+  memset(m_szCacheFileName, 0, sizeof(m_szCacheFileName));
+  snprintf(m_szCacheFileName, sizeof(m_szCacheFileName), "%s%s_%s", m_szCacheFilePath,
+           m_szCacheFilePrefix, "buffer.buf");
+
+  std::list<SrvInfo*> listSrvInfo;
+  nRet = m_cacheFile.Init(m_szVersion, m_szCacheFileName, m_nCacheFileSize, &listSrvInfo);
+  if (nRet != 0) {
+    LOGC_WRITE(m_cat, LL_ERROR, nRet, "Cachefile init failed");
+    return nRet;
+  }
+  LOGC_WRITE(m_cat, LL_INFO, 0, "Cachefile init ok listSrvInfo cnt %d",
+             static_cast<int32>(listSrvInfo.size()));
+  nRet = m_apiConnector.init(m_nSendPerid, m_nSendTimeout, m_nConnectTimeout, &m_hProComm,
+                             listSrvInfo, &m_cacheFile);
+  if (nRet != 0) {
+    LOGC_WRITE(m_cat, LL_ERROR, nRet, "APIConnector init failed");
+    return nRet;
+  }
+  LOGC_WRITE(m_cat, LL_INFO, 0, "buffer init succeed");
+  return 0;
+}
+
+int32 CBuffer::Start() {
+  ConnManageParam* pParam = static_cast<ConnManageParam*>(malloc(sizeof(ConnManageParam)));
+  if (pParam == nullptr) {
+    LOGC_WRITE(m_cat, LL_ERROR, EC_NO_MEMORY, "Allocate memery failed");
+    return EC_NO_MEMORY;
+  }
+  pParam->pCacheFile = &m_cacheFile;
+  int32 nRet = m_apiConnector.Start(pParam);
+  if (nRet != 0) free(pParam);  // no thread took it
+  return nRet;
+}
+
+int32 CBuffer::Stop() { return m_apiConnector.Stop(); }
+
+int32 CBuffer::Release() {
+  if (m_hProComm != nullptr) {
+    proccomm_release(m_hProComm);
+    m_hProComm = nullptr;
+  }
+  m_cacheFile.Release();
+  logc_finish();
+  m_cat = nullptr;
+  if (m_hSema != -1) {
+    if (m_bSemaAquired) os_proc_sema_release(m_hSema);
+    os_proc_sema_destroy(m_hSema);
+    m_hSema = -1;
+    m_bSemaAquired = false;
+  }
+  return 0;
+}
 
 int32 CBuffer::LoadConfig() {
   char szPath[kConfigPathSize];

@@ -3,7 +3,10 @@
 #ifndef COLLECTOR_BUFFER_BUFFER_H_
 #define COLLECTOR_BUFFER_BUFFER_H_
 
+#include "APIConnector.h"
+#include "CacheFile.h"
 #include "logc.h"
+#include "proccomm.h"
 #include "zd_types.h"
 #include "zdos.h"
 
@@ -14,6 +17,18 @@ class CBuffer {
   CBuffer();
   CBuffer(const CBuffer&) = delete;
   CBuffer& operator=(const CBuffer&) = delete;
+
+  // The whole start-up short of the control thread, in order: configuration,
+  // single-instance guard, cache directory, logging, shared memory, cache
+  // file, connection manager settings. Returns the first failure's status;
+  // Release undoes whatever was done.
+  int32 Init();
+  // Starts the control thread.
+  int32 Start();
+  // Stops the control thread and the data handler.
+  int32 Stop();
+  // Releases the facilities; safe after any partial Init. Always 0.
+  int32 Release();
 
   // Reads ../config/ZD3Buffer.xml (relative to the working directory) into
   // the members below. Returns 0 or the first failure's status; values
@@ -36,6 +51,9 @@ class CBuffer {
   LOGC_CATEGORY m_cat;           // "Zandor.Buffer"
   SemaHandle m_hSema;            // single-instance guard; -1: none
   bool m_bSemaAquired;           // this process holds the guard
+  ProcCommHandle m_hProComm;     // shared-memory queues instance
+  CCacheFile m_cacheFile;
+  CAPIConnector m_apiConnector;
 };
 
 #endif  // COLLECTOR_BUFFER_BUFFER_H_

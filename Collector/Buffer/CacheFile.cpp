@@ -1517,3 +1517,51 @@ int32 CCacheFile::DelCurRecord(SrvHandle hSrvInfo) {
   FreeIdleBlocks(left.data(), static_cast<int32>(left.size()));
   return 0;
 }
+
+// The entry is written empty first (the commit); then the chain goes back to
+// the idle list, but only when walking it from the head reaches the tail in
+// exactly nBlockNumUsed blocks. A damaged chain might lead into blocks that
+// belong to someone else: its blocks are left leaked instead (the checker
+// reports them), never given back twice.
+int32 CCacheFile::DropAllRecords(SrvHandle hSrvInfo, int32* pnBlocks) {
+  if (hSrvInfo == nullptr || pnBlocks == nullptr) return EC_CACHE_INVALID_ARG;
+  *pnBlocks = 0;
+  const int32 nBlockSize = m_fileBlockInfo.nBlockSize;
+  CLock lock(hSrvInfo->mutexSrv);
+  t_cursor.bValid = false;
+  if (hSrvInfo->nHeadNo == kNoBlock) return 0;
+  std::vector<int32> chain;
+  bool bWhole = false;
+  for (int32 nCur = hSrvInfo->nHeadNo;
+       IsDataBlockNo(nCur) && static_cast<int32>(chain.size()) < hSrvInfo->nBlockNumUsed;) {
+    if (std::find(chain.begin(), chain.end(), nCur) != chain.end()) break;  // a cycle
+    chain.push_back(nCur);
+    if (nCur == hSrvInfo->nTailNo) {
+      bWhole = static_cast<int32>(chain.size()) == hSrvInfo->nBlockNumUsed;
+      break;
+    }
+    char linkBytes[4];
+    if (ReadAt(BlockOffset(nCur, nBlockSize) + kNextLinkOffset, linkBytes, 4) != 0) break;
+    nCur = GetInt32(linkBytes);
+  }
+  SrvInfo oldState = *hSrvInfo;
+  SetEmpty(hSrvInfo);
+  bool bOldOnDisk = true;
+  int32 nRet = CommitEntry(hSrvInfo, oldState, "save srv info to disk failed", &bOldOnDisk);
+  if (nRet != 0) return nRet;
+  if (bWhole) {
+    FreeIdleBlocks(chain.data(), static_cast<int32>(chain.size()));
+    *pnBlocks = static_cast<int32>(chain.size());
+  } else {
+    LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_CHAIN,
+               "damaged chain of %d blocks left leaked, not given back", oldState.nBlockNumUsed);
+  }
+  return 0;
+}
+
+void CCacheFile::GetFill(int32* pnDataBlocks, int32* pnMaxBlocks) {
+  int64 nUsed = 0;
+  for (const SrvInfo* pSrv : m_listSrvInfo) nUsed += LoadCount(pSrv);
+  *pnDataBlocks = static_cast<int32>(nUsed);
+  *pnMaxBlocks = static_cast<int32>(m_nMaxBlocks);
+}

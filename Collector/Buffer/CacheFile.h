@@ -98,6 +98,13 @@ class CCacheFile {
   // between its read and this call.
   [[nodiscard]] int32 DelCurRecord(SrvHandle hSrvInfo);
 
+  // Empties the entry's queue without reading its records: the way past a
+  // record whose stored length or links are damaged, which DelCurRecord
+  // cannot step over. *pnBlocks receives the blocks given back.
+  [[nodiscard]] int32 DropAllRecords(SrvHandle hSrvInfo, int32* pnBlocks);
+  // Data blocks held by all entries, and the most blocks the file may hold.
+  void GetFill(int32* pnDataBlocks, int32* pnMaxBlocks);
+
  private:
   friend struct CacheFileTestAccess;
 
