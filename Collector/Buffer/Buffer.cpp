@@ -63,8 +63,7 @@ CBuffer::CBuffer()
 
 int32 CBuffer::LoadConfig() {
   char szPath[kConfigPathSize];
-  int32 nRet =
-      config_build_file_all_path_by_relative_path(szPath, kConfigPathSize, "ZD3Buffer.xml");
+  int32 nRet = config_build_file_all_path_by_relative_path(szPath, kConfigPathSize, "ZD3Buffer.xml");
   if (nRet != 0) {
     printf("Get config file path failed, error code is %d\n", nRet);
     return nRet;
