@@ -207,9 +207,12 @@ int32 logc_finish(void) {
   for (auto& [strName, pCategory] : state.mapCategories)
     pCategory->handle.nThreshold = kThresholdOff;
   if (std::shared_ptr<spdlog::logger> pLogger = state.pLogger.exchange(nullptr)) {
+    // An async flush is only queued: shut the thread pool down first (it
+    // drains the queue and joins its worker), and only then let the logger
+    // and its sinks go, on this thread.
     pLogger->flush();
-    pLogger.reset();
     spdlog::shutdown();
+    pLogger.reset();
   }
   state.bStarted = false;
   state.bCapture = false;
