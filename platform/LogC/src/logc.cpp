@@ -15,6 +15,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -111,6 +112,10 @@ int32 StartLocked(State& state) {
   pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e [%t] %v");
   pLogger->set_level(spdlog::level::trace);
   pLogger->flush_on(spdlog::level::warn);
+  // Lines below WARN reach the file within a second, for operators who
+  // follow the log; the periodic flusher works on registered loggers.
+  spdlog::register_logger(pLogger);
+  spdlog::flush_every(std::chrono::seconds(1));
   state.pLogger.store(pLogger);
   return 0;
 }
