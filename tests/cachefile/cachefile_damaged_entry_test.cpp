@@ -135,6 +135,7 @@ TEST_F(CacheFileDamagedEntryTest, FuzzerInputWithNegativeReadOffsetOpensWithoutT
     EXPECT_NE(0, cache.ReadCurRecord(h, buf.data(), &nLen));
   }
   EXPECT_TRUE(list.empty());
+  cache.Release();
 }
 
 // Each stored field out of range on its own; offsets from the first entry
