@@ -6,9 +6,9 @@
 // chain must be refused with a status, never crash. When it opens, every
 // entry's queue is stepped through (read, remove; a record that cannot be
 // read makes the queue be dropped, as the data thread does), records taken
-// from the input are appended, and the file is closed and checked. Every
-// loop is bounded: a damaged chain that makes a step repeat forever shows up
-// as libFuzzer's timeout.
+// from the input are appended, and the file is closed, must open again, and
+// is checked. Every loop is bounded: a damaged chain that makes a step
+// repeat forever shows up as libFuzzer's timeout.
 #include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -111,6 +111,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
     Drain(&cache, hSrv);
   }
   cache.Release();
+
+  // A file the service opened and worked on must open at its next start.
+  CCacheFile again;
+  std::list<SrvInfo*> listAgain;
+  nRet = again.Init("fuzz", g_strFile.c_str(), nSizeMb, &listAgain);
+  if (nRet != 0) {
+    fprintf(stderr, "a file that opened and was worked on is refused at reopen: %d\n", nRet);
+    abort();
+  }
+  again.Release();
 
   std::vector<CacheCheckFinding> findings;
   std::vector<CacheQueueStat> stats;
