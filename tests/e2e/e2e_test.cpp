@@ -441,9 +441,14 @@ TEST_F(E2ETest, BadControlMessagesEndOnlyWhatTheyShould) {
   StopService(service);
 }
 
-// SIGTERM stops the service as "q" does.
+// SIGTERM stops the service as "q" does, forwarding handler included.
+// (The announcement first also makes sure the control thread is serving:
+// a stop in the first moments after start-up is another case.)
 TEST_F(E2ETest, SigtermStopsTheServiceCleanly) {
+  int nPort = StartServer();
+  ASSERT_NE(0, nPort);
   CProcess& service = StartServiceUp();
+  ASSERT_EQ(0, RunCollect(nPort, {"-t", "2", "-m", "50", "-r", "0"})) << m_szLastCollectErr;
   int64_t nStart = NowMs();
   service.Signal(SIGTERM);
   EXPECT_EQ(0, service.Wait(kServiceStopMs));
