@@ -60,7 +60,8 @@ class E2ETest : public ::testing::Test {
       std::string szLog = Log();
       if (szLog.size() > 20000) szLog = "..." + szLog.substr(szLog.size() - 20000);
       fprintf(stderr, "---- service log (%s) ----\n%s\n", m_dir.Path().c_str(), szLog.c_str());
-      for (CProcess& p : m_services) fprintf(stderr, "---- service stdout ----\n%s\n", p.Out().c_str());
+      for (CProcess& p : m_services)
+        fprintf(stderr, "---- service stdout ----\n%s\n", p.Out().c_str());
     }
     if (!IsSkipped()) {
       EXPECT_LT(NowMs() - m_nStartMs, 30000) << "an end-to-end test must stay under 30 s";
@@ -70,21 +71,26 @@ class E2ETest : public ::testing::Test {
   void WriteConfig(const std::string& szName) {
     WriteFile(m_dir / "config/ZD3Buffer.xml",
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-              "<Buffer version=\"1.0.0\" name=\"" + szName + "\" memsizemb=\"16\">\n"
-              "  <CacheFile Path=\"../cache/\" Prefix=\"e2e\" SizeMb=\"32\"/>\n"
-              "  <Send PeriodMs=\"100\" ConnTimeOutSec=\"1\" SendTimeOutSec=\"3\"/>\n"
-              "</Buffer>\n");
+              "<Buffer version=\"1.0.0\" name=\"" +
+                  szName +
+                  "\" memsizemb=\"16\">\n"
+                  "  <CacheFile Path=\"../cache/\" Prefix=\"e2e\" SizeMb=\"32\"/>\n"
+                  "  <Send PeriodMs=\"100\" ConnTimeOutSec=\"1\" SendTimeOutSec=\"3\"/>\n"
+                  "</Buffer>\n");
   }
 
   // Starts a reference server on nPort (0: any) and returns its data port,
   // or 0 when it did not come up.
-  int StartServer(int nPort = 0, std::vector<std::string> extra = {}, const std::string& szDb = "") {
+  int StartServer(int nPort = 0, std::vector<std::string> extra = {},
+                  const std::string& szDb = "") {
     m_servers.emplace_back();
     CProcess& p = m_servers.back();
     std::string szOut = m_dir / ("server" + std::to_string(m_servers.size()) + ".out");
-    std::vector<std::string> argv = {ZDREFSERVER_PATH, "serve", "--db",
-                                     szDb.empty() ? m_dir / "db.sqlite" : szDb, "--port",
-                                     std::to_string(nPort), "--control-port", "0", "--quiet"};
+    std::vector<std::string> argv = {ZDREFSERVER_PATH, "serve",
+                                     "--db",           szDb.empty() ? m_dir / "db.sqlite" : szDb,
+                                     "--port",         std::to_string(nPort),
+                                     "--control-port", "0",
+                                     "--quiet"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     if (!p.Start(argv, szOut, m_dir / "server.err")) return 0;
     int nListen = 0;
@@ -130,8 +136,8 @@ class E2ETest : public ::testing::Test {
   }
 
   std::vector<std::string> Collect(int nPort, std::initializer_list<std::string> extra) {
-    std::vector<std::string> argv = {ZDCOLLECT_PATH, "-q", "-i", m_szName, "-s",
-                                     "127.0.0.1:" + std::to_string(nPort)};
+    std::vector<std::string> argv = {ZDCOLLECT_PATH, "-q", "-i",
+                                     m_szName,       "-s", "127.0.0.1:" + std::to_string(nPort)};
     argv.insert(argv.end(), extra);
     return argv;
   }
@@ -144,8 +150,9 @@ class E2ETest : public ::testing::Test {
   }
   int32 AnnounceQueue(int nPort, const std::string& szIP = "127.0.0.1") {
     std::string szOut, szErr;
-    std::vector<std::string> argv = {ZDCOLLECT_PATH, "-q", "-i", m_szName, "-s",
-                                     szIP + ":" + std::to_string(nPort), "--announce-only"};
+    std::vector<std::string> argv = {ZDCOLLECT_PATH,   "-q", "-i",
+                                     m_szName,         "-s", szIP + ":" + std::to_string(nPort),
+                                     "--announce-only"};
     if (RunToEnd(argv, m_dir.Path(), 10000, &szOut, &szErr) != 0) return -1;
     return szOut.rfind("QUEUE ", 0) == 0 ? atoi(szOut.c_str() + 6) : -1;
   }
@@ -154,10 +161,10 @@ class E2ETest : public ::testing::Test {
   // status (0: nothing lost, nothing out of order); the summary in *pSummary.
   int Report(int nTags, int nLast, std::string* pSummary = nullptr, const std::string& szDb = "") {
     std::string szErr;
-    int nRet = RunToEnd({ZDREFSERVER_PATH, "report", "--db", szDb.empty() ? m_dir / "db.sqlite" : szDb,
-                         "--tags", "1-" + std::to_string(nTags), "--first", "1", "--last",
-                         std::to_string(nLast)},
-                        m_dir.Path(), 10000, nullptr, &szErr);
+    int nRet = RunToEnd(
+        {ZDREFSERVER_PATH, "report", "--db", szDb.empty() ? m_dir / "db.sqlite" : szDb, "--tags",
+         "1-" + std::to_string(nTags), "--first", "1", "--last", std::to_string(nLast)},
+        m_dir.Path(), 10000, nullptr, &szErr);
     if (pSummary != nullptr) *pSummary = szErr;
     return nRet;
   }
@@ -256,8 +263,8 @@ TEST_F(E2ETest, ForwardsExactValuesToTheServer) {
   for (const char* szRow : {",101,1700000000,250,192,2,100\n", ",102,1700000001,1,0,0,-5\n",
                             ",103,1700000002,2,1,1,-300\n", ",104,1700000003,3,2,3,0.5\n",
                             ",105,1700000004,4,3,4,2.25\n", ",106,1700000005,5,4,5,1\n",
-                            ",107,1700000006,6,5,6,\"a,\"\"b\"\n", ",108,1700000007,7,6,7,x00ff10\n",
-                            ",109,1700000008,999,192,6,\"\"\n"})
+                            ",107,1700000006,6,5,6,\"a,\"\"b\"\n",
+                            ",108,1700000007,7,6,7,x00ff10\n", ",109,1700000008,999,192,6,\"\"\n"})
     EXPECT_NE(std::string::npos, szDump.find(szRow)) << szRow << " not in the dump";
   StopService(service);
 }
@@ -318,8 +325,8 @@ TEST_F(E2ETest, ServiceKilledWithCachedBatchesDeliversThemAfterRestart) {
   int64_t nCacheBefore = FileSize(CacheFile());
   // One burst (220 KB) within one send period: its delivery fails and the
   // whole send buffer goes to the cache file.
-  ASSERT_EQ(0, RunCollect(nPort, {"-t", "5", "-m", "2000", "-r", "0", "-n", "200",
-                                  "--wait-drained", "5"}))
+  ASSERT_EQ(0, RunCollect(nPort,
+                          {"-t", "5", "-m", "2000", "-r", "0", "-n", "200", "--wait-drained", "5"}))
       << m_szLastCollectErr;
   ASSERT_TRUE(WaitFor([&] { return FileSize(CacheFile()) >= nCacheBefore + 200000; }, 8000))
       << "cache file " << FileSize(CacheFile());
