@@ -25,12 +25,6 @@ function(zd_add_gtest name)
   endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120
+    PROPERTIES LABELS "${labels}" TIMEOUT 120
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
-  # Labels are set by a script CTest reads after the discovered tests: a
-  # list in PROPERTIES above loses every label after the first.
-  set(labels_file ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
-  file(WRITE ${labels_file}
-    "if(DEFINED ${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${labels}\")\nendif()\n")
-  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${labels_file})
 endfunction()
