@@ -17,7 +17,12 @@ function(zd_add_gtest name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main Threads::Threads)
-  set(labels unit ${ARG_LABELS})
+  # One label per test (a list would not survive gtest_discover_tests'
+  # PROPERTIES): the module's own, or "unit".
+  set(labels unit)
+  if(ARG_LABELS)
+    list(GET ARG_LABELS 0 labels)
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60
     PROPERTIES LABELS "${labels}" TIMEOUT 120

@@ -20,7 +20,8 @@ constexpr uint32 kWaitForever = 0xFFFFFFFF;
 int32 CAPIConnector::m_nSendPeriod = 0;
 int32 CAPIConnector::m_nSendTimeout = 0;
 int32 CAPIConnector::m_nConnTimeout = 0;
-ProcCommQueueHandle CAPIConnector::m_hRecvQueue = nullptr;
+std::atomic<ProcCommQueueHandle> CAPIConnector::m_hRecvQueue{nullptr};
+std::atomic<bool> CAPIConnector::m_bStopping{false};
 ProcCommHandle* CAPIConnector::m_pProcCommHandle = nullptr;
 CDataHandler* CAPIConnector::m_pDataHandler = nullptr;
 LOGC_CATEGORY CAPIConnector::m_cat = nullptr;
@@ -43,13 +44,15 @@ int32 CAPIConnector::init(int32 nSendPeriod, int32 nSendTimeout, int32 nConnTime
 }
 
 int32 CAPIConnector::Start(ConnManageParam* pConnMangeParam) {
+  m_bStopping.store(false);
   return os_thread_create(&m_hApiConnectThread, ConnnectManage, pConnMangeParam);
 }
 
 int32 CAPIConnector::Stop() {
   // The control thread goes first: once it has been joined nothing can
   // create, replace or reach the data handler any more.
-  if (m_hRecvQueue != nullptr) proccomm_recv_quit(m_hRecvQueue);
+  m_bStopping.store(true);
+  if (ProcCommQueueHandle hQueue = m_hRecvQueue.load()) proccomm_recv_quit(hQueue);
   int32 nRet = 0;
   if (m_hApiConnectThread != nullptr) {
     nRet = os_thread_join(m_hApiConnectThread);
@@ -60,21 +63,23 @@ int32 CAPIConnector::Stop() {
     delete m_pDataHandler;
     m_pDataHandler = nullptr;
   }
-  if (m_hRecvQueue != nullptr) {
-    proccomm_unreg(*m_pProcCommHandle, kControlQueueID, m_hRecvQueue);
-    m_hRecvQueue = nullptr;
-  }
+  if (ProcCommQueueHandle hQueue = m_hRecvQueue.exchange(nullptr))
+    proccomm_unreg(*m_pProcCommHandle, kControlQueueID, hQueue);
   return nRet;
 }
 
 int32 CAPIConnector::ConnnectManage(void* pParam) {
   ConnManageParam* pConnManageParam = static_cast<ConnManageParam*>(pParam);
   LOGC_WRITE(m_cat, LL_INFO, 0, "APIConnector thread start");
-  int32 nStatus = proccomm_reg(*m_pProcCommHandle, kControlQueueID, &m_hRecvQueue);
+  ProcCommQueueHandle hRecvQueue = nullptr;
+  int32 nStatus = proccomm_reg(*m_pProcCommHandle, kControlQueueID, &hRecvQueue);
   if (nStatus != 0) {
     LOGC_WRITE(m_cat, LL_ERROR, nStatus, "proccomm_reg");
-    m_hRecvQueue = nullptr;
+    hRecvQueue = nullptr;
   }
+  m_hRecvQueue.store(hRecvQueue);
+  // A Stop that found no queue to wake has set m_bStopping before we looked.
+  if (hRecvQueue != nullptr && m_bStopping.load()) proccomm_recv_quit(hRecvQueue);
 
   char szBuffer[kRecvBufferSize];
   int32 nQueueIDRet = 0;  // identifier for a new handler
@@ -82,7 +87,7 @@ int32 CAPIConnector::ConnnectManage(void* pParam) {
   while (bRun) {
     int32 nLength = kRecvBufferSize;
     LOGC_WRITE(m_cat, LL_DEBUG, 0, "proccomm_recv start");
-    int32 nRet = proccomm_recv(m_hRecvQueue, szBuffer, &nLength, 1, kWaitForever);
+    int32 nRet = proccomm_recv(hRecvQueue, szBuffer, &nLength, 1, kWaitForever);
     if (nRet == EC_RD_PROCCOMM_RECV_QUIT) {
       LOGC_WRITE(m_cat, LL_INFO, 0, "APIConnector proccomm recv quit command");
       nStatus = 0;

@@ -4,6 +4,7 @@
 #ifndef COLLECTOR_BUFFER_APICONNECTOR_H_
 #define COLLECTOR_BUFFER_APICONNECTOR_H_
 
+#include <atomic>
 #include <list>
 
 #include "CacheFile.h"
@@ -59,7 +60,11 @@ class CAPIConnector {
   static int32 m_nSendPeriod;
   static int32 m_nSendTimeout;
   static int32 m_nConnTimeout;
-  static ProcCommQueueHandle m_hRecvQueue;
+  // Written by the control thread, read by Stop on the main thread; with
+  // m_bStopping they form a Dekker pair, so a Stop that comes before the
+  // queue is attached is still seen by the thread.
+  static std::atomic<ProcCommQueueHandle> m_hRecvQueue;
+  static std::atomic<bool> m_bStopping;
   static ProcCommHandle* m_pProcCommHandle;
   static CDataHandler* m_pDataHandler;
   static LOGC_CATEGORY m_cat;

@@ -112,9 +112,13 @@ int32 CBuffer::Init() {
     LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_NAME_TOO_LONG, "Length of Cache file name is too long");
     return EC_CACHE_NAME_TOO_LONG;
   }
+  // "%s%s_%s" of path, prefix and "buffer.buf"; the check above makes it fit.
+  static const char kSuffix[] = "_buffer.buf";
+  size_t nPathLen = strlen(m_szCacheFilePath), nPrefixLen = strlen(m_szCacheFilePrefix);
   memset(m_szCacheFileName, 0, sizeof(m_szCacheFileName));
-  snprintf(m_szCacheFileName, sizeof(m_szCacheFileName), "%s%s_%s", m_szCacheFilePath,
-           m_szCacheFilePrefix, "buffer.buf");
+  memcpy(m_szCacheFileName, m_szCacheFilePath, nPathLen);
+  memcpy(m_szCacheFileName + nPathLen, m_szCacheFilePrefix, nPrefixLen);
+  memcpy(m_szCacheFileName + nPathLen + nPrefixLen, kSuffix, sizeof(kSuffix));
 
   std::list<SrvInfo*> listSrvInfo;
   nRet = m_cacheFile.Init(m_szVersion, m_szCacheFileName, m_nCacheFileSize, &listSrvInfo);

@@ -91,7 +91,7 @@ class FaultTest : public CacheFileTest {
     ASSERT_EQ(0, Open(m_nMb)) << strWhere;
     ExpectConsistent(m_strPath, m_nMb, &m_cache, true);
     std::map<uint32, SrvHandle> handles = Handles();
-    std::vector<char> buf(1 << 20);
+    std::vector<char> buf(8 << 20);
     for (const auto& [nIP, q] : expected) {
       std::vector<uint32> ids;
       auto it = handles.find(nIP);
@@ -154,7 +154,6 @@ class FaultTest : public CacheFileTest {
       EXPECT_GT(n, 1) << mode.szName << ": the operation made no such call";
     }
     RecordProperty("fault_positions", static_cast<int>(m_nPositions));
-    printf("fault positions so far: %lld\n", static_cast<long long>(m_nPositions));
   }
   OpResult SaveOp(std::map<uint32, SrvHandle>& h, uint32 nIP, int32 nLen) {
     OpResult r;
@@ -189,6 +188,17 @@ TEST_F(FaultTest, SavePreemptingItsOwnOldestBlocks) {
   while (CacheFileTestAccess::Base(m_cache).nTotalBlockNum < 255) SaveT(h, 9000);
   SaveTemplate();
   Sweep([&](auto& hs) { return SaveOp(hs, 7, 20000); });
+}
+
+// 4 MiB blocks: separate length and payload writes, whole-block reads of
+// the victim's oldest block.
+TEST_F(FaultTest, SavePreemptingItsOwnOldestBlocksWithLargeBlocks) {
+  m_nMb = 40;
+  ASSERT_EQ(0, Open(m_nMb));
+  SrvHandle h = Add(7);
+  while (CacheFileTestAccess::Base(m_cache).nTotalBlockNum < 9) SaveT(h, 1500000);
+  SaveTemplate();
+  Sweep([&](auto& hs) { return SaveOp(hs, 7, 5000000); });
 }
 
 TEST_F(FaultTest, SavePreemptingAnotherEntry) {

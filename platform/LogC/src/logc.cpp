@@ -15,6 +15,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -111,6 +112,10 @@ int32 StartLocked(State& state) {
   pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e [%t] %v");
   pLogger->set_level(spdlog::level::trace);
   pLogger->flush_on(spdlog::level::warn);
+  // Lines below WARN reach the file within a second, for operators who
+  // follow the log; the periodic flusher works on registered loggers.
+  spdlog::register_logger(pLogger);
+  spdlog::flush_every(std::chrono::seconds(1));
   state.pLogger.store(pLogger);
   return 0;
 }
@@ -207,9 +212,12 @@ int32 logc_finish(void) {
   for (auto& [strName, pCategory] : state.mapCategories)
     pCategory->handle.nThreshold = kThresholdOff;
   if (std::shared_ptr<spdlog::logger> pLogger = state.pLogger.exchange(nullptr)) {
+    // An async flush is only queued: shut the thread pool down first (it
+    // drains the queue and joins its worker), and only then let the logger
+    // and its sinks go, on this thread.
     pLogger->flush();
-    pLogger.reset();
     spdlog::shutdown();
+    pLogger.reset();
   }
   state.bStarted = false;
   state.bCapture = false;
