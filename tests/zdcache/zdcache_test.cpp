@@ -2,6 +2,8 @@
 // blocks leaked by a save killed before its entry write (sticky write fault),
 // with a broken data chain and with a duplicate entry. Every command's output
 // and exit status; repair of the harmless findings; read-only proof.
+#include "zdcache.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -19,7 +21,6 @@
 #include <vector>
 
 #include "cachefile_test_util.h"
-#include "zdcache.h"
 #include "zdos.h"
 #include "zdos_fault.h"
 
@@ -200,8 +201,9 @@ TEST_F(ZdcacheTest, ServersListsEntriesButNeverThePassword) {
   int64 nBytesA = 0;
   for (const Bytes& b : m_vecA) nBytesA += static_cast<int64>(b.size());
   EXPECT_NE(std::string::npos, r.strOut.find("1    10.1.2.3        6320")) << r.strOut;
-  EXPECT_NE(std::string::npos, r.strOut.find(" 3 " + std::string(14 - std::to_string(nBytesA).size(), ' ') +
-                                             std::to_string(nBytesA) + "  operator"))
+  EXPECT_NE(std::string::npos,
+            r.strOut.find(" 3 " + std::string(14 - std::to_string(nBytesA).size(), ' ') +
+                          std::to_string(nBytesA) + "  operator"))
       << r.strOut;
   EXPECT_NE(std::string::npos, r.strOut.find("2    127.0.0.1       5678"));
   EXPECT_EQ(std::string::npos, r.strOut.find("s3cret"));
@@ -240,7 +242,8 @@ TEST_F(ZdcacheTest, DumpDecodesEveryTypeInQueueOrder) {
   r = Run({"dump", m_strPath});
   EXPECT_EQ(ZDCACHE_EXIT_OK, r.nExit);
   EXPECT_EQ(1 + 2 + 600 + 2, std::count(r.strOut.begin(), r.strOut.end(), '\n'));
-  EXPECT_NE(std::string::npos, r.strOut.find("1599       2023-11-14T22:13:22.005Z 192     INT32   -599"))
+  EXPECT_NE(std::string::npos,
+            r.strOut.find("1599       2023-11-14T22:13:22.005Z 192     INT32   -599"))
       << r.strOut.substr(0, 400);
 }
 
@@ -273,10 +276,11 @@ TEST_F(ZdcacheTest, ReadOnlyCommandsLeaveBytesAndMtimeAlone) {
   ASSERT_EQ(0, utimensat(AT_FDCWD, m_strPath.c_str(), times, 0));
   ASSERT_EQ(0, chmod(m_strPath.c_str(), 0400));  // and no write permission at all
   Bytes before = ReadAll(m_strPath);
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"info", m_strPath}, {"servers", m_strPath},
-        {"check", m_strPath, "--size-mb", "1"}, {"dump", m_strPath},
-        {"export", m_strPath, m_strDir + "/x.bin"}}) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"info", m_strPath},
+                                               {"servers", m_strPath},
+                                               {"check", m_strPath, "--size-mb", "1"},
+                                               {"dump", m_strPath},
+                                               {"export", m_strPath, m_strDir + "/x.bin"}}) {
     Result r = Run(args);
     EXPECT_EQ(ZDCACHE_EXIT_OK, r.nExit) << args[0] << ": " << r.strErr;
   }
@@ -311,7 +315,8 @@ TEST_F(ZdcacheTest, BadHeaderIsDamageForEveryCommand) {
   WriteI32At(m_strPath, cachefile::kHdrBlockSizeOffset, 1234);
   Result r = Run({"info", m_strPath, "--size-mb", "1"});
   EXPECT_EQ(ZDCACHE_EXIT_DAMAGE, r.nExit);
-  EXPECT_NE(std::string::npos, r.strOut.find("refused, \"invalid block size\" (113211)")) << r.strOut;
+  EXPECT_NE(std::string::npos, r.strOut.find("refused, \"invalid block size\" (113211)"))
+      << r.strOut;
   r = Run({"check", m_strPath});
   EXPECT_EQ(ZDCACHE_EXIT_DAMAGE, r.nExit);
   EXPECT_NE(std::string::npos, r.strOut.find("DAMAGE    header: invalid block size 1234"));

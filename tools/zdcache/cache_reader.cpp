@@ -128,7 +128,8 @@ int32 CCacheReader::LoadEntries(std::vector<CacheEntryView>* pEntries,
       std::string strRaw(p, kEntrySize);
       // The same rule as the checker: a non-empty entry identical to an
       // earlier one is the second copy an interrupted start-up move leaves.
-      e.bDuplicate = e.HasRecords() && std::find(vecRaw.begin(), vecRaw.end(), strRaw) != vecRaw.end();
+      e.bDuplicate =
+          e.HasRecords() && std::find(vecRaw.begin(), vecRaw.end(), strRaw) != vecRaw.end();
       vecRaw.push_back(std::move(strRaw));
       pEntries->push_back(e);
     }

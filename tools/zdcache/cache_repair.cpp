@@ -199,7 +199,7 @@ int32 SyncDirOf(const std::string& strPath) {
 void PrintFindings(const std::vector<CacheCheckFinding>& v, FILE* pOut) {
   for (const CacheCheckFinding& f : v) {
     fprintf(pOut, "%-9s %s\n",
-            f.nKind == CACHE_CHECK_DAMAGE  ? "DAMAGE"
+            f.nKind == CACHE_CHECK_DAMAGE ? "DAMAGE"
             : f.nKind == CACHE_CHECK_LEAK ? "leak"
                                           : "duplicate",
             f.strText.c_str());
@@ -259,8 +259,9 @@ int cache_repair(const char* szPath, int32 nSizeMb, const char* szName, FILE* pO
   }
   PrintFindings(findings, pOut);
   if (cache_check_count(findings, CACHE_CHECK_DAMAGE) > 0) {
-    fprintf(pOut, "the file is damaged: damage is not repaired. Keep a copy, then remove the file "
-                  "(its queued data is lost) or export what is readable first\n");
+    fprintf(pOut,
+            "the file is damaged: damage is not repaired. Keep a copy, then remove the file "
+            "(its queued data is lost) or export what is readable first\n");
     return ZDCACHE_EXIT_DAMAGE;
   }
   if (findings.empty()) {
@@ -313,8 +314,9 @@ int cache_repair(const char* szPath, int32 nSizeMb, const char* szName, FILE* pO
     return ZDCACHE_EXIT_IO;
   }
   SyncDirOf(strPath);
-  fprintf(pOut, "repaired: %d leaked blocks returned to the idle list, %d duplicate entries "
-                "dropped; the original is %s\n",
+  fprintf(pOut,
+          "repaired: %d leaked blocks returned to the idle list, %d duplicate entries "
+          "dropped; the original is %s\n",
           nReturned, nDropped, strBak.c_str());
   return ZDCACHE_EXIT_OK;
 }

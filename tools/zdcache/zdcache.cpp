@@ -13,9 +13,9 @@
 
 #include "CacheFileCheck.h"
 #include "CacheFileFormat.h"
-#include "protocol/buffer_proto_record.h"
 #include "cache_reader.h"
 #include "cache_repair.h"
+#include "protocol/buffer_proto_record.h"
 #include "protocol/proto_base.h"
 
 using namespace cachefile;
@@ -121,8 +121,8 @@ int ParseArgs(int argc, char** argv, Options* pOpt, FILE* pErr) {
   size_t nWant = c == "export" ? 2 : 1;
   bool bKnown = c == "info" || c == "servers" || c == "check" || c == "dump" || c == "export";
   if (!bKnown || pOpt->vecArgs.size() != nWant) {
-    fprintf(pErr, "zdcache: %s\n%s",
-            bKnown ? "wrong number of file arguments" : "unknown command", kUsage);
+    fprintf(pErr, "zdcache: %s\n%s", bKnown ? "wrong number of file arguments" : "unknown command",
+            kUsage);
     return ZDCACHE_EXIT_USAGE;
   }
   if ((pOpt->bRepair || !pOpt->strName.empty()) && c != "check") {
@@ -191,14 +191,15 @@ const char* StartVerdict(const CCacheReader& reader, const CacheHeaderView& h, i
   if (h.nTotalBlockNum < 0 || h.nTotalBlockNum > nMaxNo) return "invalid total block number";
   if (h.nIdleHeadNo < -1) return "invalid idle head number";
   if (h.nSrvInfoHeadNo != 0) return "invalid server info head number";
-  if (h.nSrvInfoTailNo < 0 || h.nSrvInfoTailNo > nMaxNo - 1) return "invalid server info tail number";
+  if (h.nSrvInfoTailNo < 0 || h.nSrvInfoTailNo > nMaxNo - 1)
+    return "invalid server info tail number";
   *pnCode = 0;
   return nullptr;
 }
 
 void PrintFindings(const std::vector<CacheCheckFinding>& v, FILE* pOut) {
   for (const CacheCheckFinding& f : v) {
-    const char* szKind = f.nKind == CACHE_CHECK_DAMAGE  ? "DAMAGE"
+    const char* szKind = f.nKind == CACHE_CHECK_DAMAGE ? "DAMAGE"
                          : f.nKind == CACHE_CHECK_LEAK ? "leak"
                                                        : "duplicate";
     fprintf(pOut, "%-9s %s\n", szKind, f.strText.c_str());
@@ -257,7 +258,8 @@ int CmdInfo(const Options& opt, FILE* pOut, FILE* pErr) {
   }
   int64 nIdle = 0;
   std::vector<bool> vecSeen(static_cast<size_t>(h.nTotalBlockNum), false);
-  for (int32 n = h.nIdleHeadNo; n > 0 && n < h.nTotalBlockNum && !vecSeen[static_cast<size_t>(n)];) {
+  for (int32 n = h.nIdleHeadNo;
+       n > 0 && n < h.nTotalBlockNum && !vecSeen[static_cast<size_t>(n)];) {
     vecSeen[static_cast<size_t>(n)] = true;
     ++nIdle;
     if (reader.ReadAt(BlockOffset(n, h.nBlockSize), &n, 4) != 0) break;
@@ -269,8 +271,9 @@ int CmdInfo(const Options& opt, FILE* pOut, FILE* pErr) {
     nRecords += s.nRecords;
     nBytes += s.nBytes;
   }
-  fprintf(pOut, "blocks:          %d handed out of at most %lld: %zu server-info, %lld data, "
-                "%lld idle, %d leaked\n",
+  fprintf(pOut,
+          "blocks:          %d handed out of at most %lld: %zu server-info, %lld data, "
+          "%lld idle, %d leaked\n",
           h.nTotalBlockNum, static_cast<long long>(nMaxBlocks), sibBlocks.size(),
           static_cast<long long>(nData), static_cast<long long>(nIdle),
           cache_check_count(findings, CACHE_CHECK_LEAK));
@@ -399,8 +402,9 @@ int SelectEntries(const Options& opt, CCacheReader* pReader, std::vector<CacheEn
     }
   }
   if (nWalk != 0) {
-    fprintf(pErr, "zdcache: the server-info chain is broken; only the entries before the break are "
-                  "read\n");
+    fprintf(pErr,
+            "zdcache: the server-info chain is broken; only the entries before the break are "
+            "read\n");
   }
   return nWalk != 0 ? ZDCACHE_EXIT_DAMAGE : ZDCACHE_EXIT_OK;
 }
@@ -415,7 +419,8 @@ std::string TimeText(int32 nSec, int16 nMsec) {
   time_t t = nSec;
   struct tm tmUtc;
   char szTime[32] = "?";
-  if (gmtime_r(&t, &tmUtc) != nullptr) strftime(szTime, sizeof(szTime), "%Y-%m-%dT%H:%M:%S", &tmUtc);
+  if (gmtime_r(&t, &tmUtc) != nullptr)
+    strftime(szTime, sizeof(szTime), "%Y-%m-%dT%H:%M:%S", &tmUtc);
   char szOut[64];
   if (nMsec >= 0 && nMsec <= 999) {
     snprintf(szOut, sizeof(szOut), "%s.%03dZ", szTime, nMsec);
@@ -493,7 +498,7 @@ int CmdDump(const Options& opt, FILE* pOut, FILE* pErr) {
     fprintf(pOut, "server,batch,entry,tag,time,quality,type,value\n");
   } else {
     fprintf(pOut, "%-6s %-7s %-6s %-10s %-24s %-7s %-7s %s\n", "server", "batch", "entry", "tag",
-                  "time (UTC)", "quality", "type", "value");
+            "time (UTC)", "quality", "type", "value");
   }
   std::vector<char> buf;
   char szStrBlob[BUFFER_STRBLOB_MAX_LEN];
@@ -552,8 +557,9 @@ int CmdDump(const Options& opt, FILE* pOut, FILE* pErr) {
     }
     if (bLimit) break;
   }
-  if (bLimit) fprintf(pErr, "zdcache: stopped at the limit of %lld values\n",
-                      static_cast<long long>(opt.nLimit));
+  if (bLimit)
+    fprintf(pErr, "zdcache: stopped at the limit of %lld values\n",
+            static_cast<long long>(opt.nLimit));
   if (ferror(pOut)) return ZDCACHE_EXIT_IO;
   return nExit;
 }
