@@ -544,3 +544,49 @@ TEST_F(ZdcacheTest, DuplicateEntryIsHarmlessAndRepairDropsIt) {
   EXPECT_TRUE(std::all_of(after.begin() + nSlot3, after.begin() + nSlot3 + cachefile::kEntrySize,
                           [](char ch) { return ch == 0; }));
 }
+
+TEST_F(ZdcacheTest, UndecodableBatchIsReportedAndSkipped) {
+  CCacheFile cache;
+  std::list<SrvInfo*> list;
+  ASSERT_EQ(0, cache.Init("3.0.1", m_strPath.c_str(), 1, &list));
+  SrvHandle h = nullptr;
+  ASSERT_EQ(0, cache.SaveSrvInfo(Ip("10.0.0.1"), 1, &h));
+  // Type 9 does not exist; the second entry of the first batch is cut short.
+  Bytes bad = CBatch().Add(1, kSec, 0, 0, 9, I32(1)).Get();
+  Bytes cut = CBatch().Add(1, kSec, 0, 0, 2, I32(5)).Add(2, kSec, 0, 0, 2, I32(6)).Get();
+  cut.resize(cut.size() - 1);
+  Bytes good = CBatch().Add(3, kSec, 0, 0, 2, I32(7)).Get();
+  for (Bytes* p : {&bad, &cut, &good}) {
+    ASSERT_EQ(0, cache.SaveRecord(h, p->data(), static_cast<int32>(p->size())));
+  }
+  cache.Release();
+  Result r = Run({"dump", m_strPath, "--format", "csv"});
+  EXPECT_EQ(ZDCACHE_EXIT_OK, r.nExit);
+  EXPECT_EQ(
+      "server,batch,entry,tag,time,quality,type,value\n"
+      "1,2,1,1,2023-11-14T22:13:20.000Z,0,INT32,5\n"
+      "1,3,1,3,2023-11-14T22:13:20.000Z,0,INT32,7\n",
+      r.strOut);
+  EXPECT_NE(std::string::npos,
+            r.strErr.find("server 1 batch 1: entry 1 cannot be decoded (110653)"))
+      << r.strErr;
+  EXPECT_NE(std::string::npos,
+            r.strErr.find("server 1 batch 2: entry 2 cannot be decoded (116201)"));
+}
+
+// The program itself, as an operator's script sees it: exit statuses.
+TEST_F(ZdcacheLeakTest, ProgramExitStatuses) {
+  BuildLeaky();
+  auto run = [&](const std::string& strArgs) {
+    int n = system(("./zdcache " + strArgs + " >/dev/null 2>&1").c_str());
+    return WIFEXITED(n) ? WEXITSTATUS(n) : -1;
+  };
+  if (access("./zdcache", X_OK) != 0) GTEST_SKIP() << "zdcache is not beside the test";
+  EXPECT_EQ(ZDCACHE_EXIT_USAGE, run(""));
+  EXPECT_EQ(ZDCACHE_EXIT_HARMLESS, run("check " + m_strPath));
+  EXPECT_EQ(ZDCACHE_EXIT_OK, run("check " + m_strPath + " --repair"));
+  EXPECT_EQ(ZDCACHE_EXIT_OK, run("check " + m_strPath));
+  WriteI32At(m_strPath, cachefile::kHdrTotalBlockNumOffset, 0);
+  EXPECT_EQ(ZDCACHE_EXIT_DAMAGE, run("check " + m_strPath));
+  EXPECT_EQ(ZDCACHE_EXIT_IO, run("servers " + m_strDir + "/none"));
+}
