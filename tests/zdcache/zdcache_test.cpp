@@ -590,3 +590,26 @@ TEST_F(ZdcacheLeakTest, ProgramExitStatuses) {
   EXPECT_EQ(ZDCACHE_EXIT_DAMAGE, run("check " + m_strPath));
   EXPECT_EQ(ZDCACHE_EXIT_IO, run("servers " + m_strDir + "/none"));
 }
+
+// Without --size-mb the size comes from the file: blocks handed out but never
+// written count, an absurd block count does not (it is reported as damage).
+TEST_F(ZdcacheTest, AssumedSizeFollowsTheFileNotAnAbsurdBlockCount) {
+  BuildClean();
+  int32 nTotal = 0;
+  {
+    std::ifstream in(m_strPath, std::ios::binary);
+    in.seekg(cachefile::kHdrTotalBlockNumOffset);
+    in.read(reinterpret_cast<char*>(&nTotal), 4);
+  }
+  // Three more blocks handed out, never written: the file needs 1 MB still.
+  WriteI32At(m_strPath, cachefile::kHdrTotalBlockNumOffset, nTotal + 3);
+  Result r = Run({"check", m_strPath});
+  EXPECT_NE(std::string::npos, r.strOut.find("size limit 1 MB assumed")) << r.strOut;
+  EXPECT_EQ(ZDCACHE_EXIT_HARMLESS, r.nExit) << r.strOut;  // the three leak
+  // 400,000 blocks would need 1.6 GB: not assumed, but checked against the
+  // file's own 1 MB and reported.
+  WriteI32At(m_strPath, cachefile::kHdrTotalBlockNumOffset, 400000);
+  r = Run({"check", m_strPath});
+  EXPECT_EQ(ZDCACHE_EXIT_DAMAGE, r.nExit);
+  EXPECT_NE(std::string::npos, r.strOut.find("block count 400000 outside 1..255")) << r.strOut;
+}

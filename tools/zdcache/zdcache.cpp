@@ -23,6 +23,7 @@ using namespace cachefile;
 namespace {
 
 constexpr int64 kMaxSizeMb = 1048576;  // the largest SizeMb the service accepts
+constexpr int64 kSlackBlocks = 64;     // unwritten blocks a derived size allows for
 
 const char kUsage[] =
     "usage:\n"
@@ -143,7 +144,16 @@ int32 EffectiveSizeMb(const Options& opt, const CCacheReader& reader, const Cach
   *pbAssumed = opt.nSizeMb == 0;
   if (opt.nSizeMb != 0) return static_cast<int32>(opt.nSizeMb);
   int64 nBytes = reader.FileSize();
-  if (bHeaderOk) nBytes = std::max<int64>(nBytes, BlockOffset(h.nTotalBlockNum, h.nBlockSize));
+  // Blocks handed out but never written (a stop right after the allocation)
+  // make the file shorter than its block count says; a few at most. A count
+  // far beyond the file is damage for the checker to report, not a size to
+  // assume (it would also size the checker's block map).
+  if (bHeaderOk) {
+    int64 nNeeded = BlockOffset(h.nTotalBlockNum, h.nBlockSize);
+    if (nNeeded <= nBytes + kSlackBlocks * static_cast<int64>(h.nBlockSize)) {
+      nBytes = std::max(nBytes, nNeeded);
+    }
+  }
   int64 nMb = (nBytes + kBytesPerMb - 1) / kBytesPerMb;
   return static_cast<int32>(std::min<int64>(std::max<int64>(nMb, 1), kMaxSizeMb));
 }
