@@ -613,3 +613,29 @@ TEST_F(ZdcacheTest, AssumedSizeFollowsTheFileNotAnAbsurdBlockCount) {
   EXPECT_EQ(ZDCACHE_EXIT_DAMAGE, r.nExit);
   EXPECT_NE(std::string::npos, r.strOut.find("block count 400000 outside 1..255")) << r.strOut;
 }
+
+TEST_F(ZdcacheLeakTest, RepairMendsLeaksAndDuplicatesTogether) {
+  BuildLeaky();
+  // Entry 2 stored a second time behind it, as an interrupted start leaves it.
+  Bytes bytes = ReadAll(m_strPath);
+  int64 nSlot2 = cachefile::EntryOffset(0, 2, 4096);
+  Bytes entry(bytes.begin() + nSlot2, bytes.begin() + nSlot2 + cachefile::kEntrySize);
+  {
+    std::fstream io(m_strPath, std::ios::binary | std::ios::in | std::ios::out);
+    io.seekp(cachefile::EntryOffset(0, 3, 4096));
+    io.write(entry.data(), static_cast<std::streamsize>(entry.size()));
+  }
+  WriteI32At(m_strPath, cachefile::BlockOffset(0, 4096) + cachefile::kSibCountOffset, 3);
+  Result r = Run({"check", m_strPath});
+  EXPECT_EQ(ZDCACHE_EXIT_HARMLESS, r.nExit);
+  EXPECT_NE(std::string::npos, r.strOut.find("0 damage, 4 leaked blocks, 1 duplicate entries"))
+      << r.strOut;
+  r = Run({"check", m_strPath, "--repair"});
+  EXPECT_EQ(ZDCACHE_EXIT_OK, r.nExit) << r.strErr;
+  EXPECT_NE(std::string::npos,
+            r.strOut.find("4 leaked blocks returned to the idle list, 1 duplicate"))
+      << r.strOut;
+  r = Run({"info", m_strPath});
+  EXPECT_NE(std::string::npos, r.strOut.find("4 idle, 0 leaked")) << r.strOut;
+  EXPECT_NE(std::string::npos, r.strOut.find("entries:         2 (2 with records)"));
+}
