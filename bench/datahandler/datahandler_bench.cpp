@@ -4,8 +4,8 @@
 // (docs/performance-datahandler.md).
 //
 // This process is the service side: the shared-memory instance, the cache
-// file, the data handler and the counting server. Each collector is a forked
-// child, so that it runs as a separate process as in production.
+// file, the data handler and the counting server. Each collector is this
+// program started again (fork and exec), a separate process as in production.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,7 +49,8 @@ double median(std::vector<double> v) {
 
 struct SOptions {
   int nRuns = 5;
-  int64 nRecords = 2000000;  // per run
+  int64 nRecords = 16000000;     // per forwarding or direct run
+  int64 nDrainRecords = 4000000; // per outage (88 MB of cache file)
   std::string strDir = "/tmp";
 };
 
@@ -111,10 +112,21 @@ struct SOptions {
   _exit(0);
 }
 
-pid_t spawn(const std::function<void()>& body) {
+// Starts this program again as a collector: exec'd, so that the child holds
+// nothing of this process's threads, locks or sessions.
+pid_t spawn(const std::vector<std::string>& args) {
   fflush(stdout);
+  fflush(stderr);
   pid_t pid = fork();
-  if (pid == 0) body();
+  if (pid == 0) {
+    std::vector<char*> argv;
+    static char szSelf[] = "datahandler_bench";
+    argv.push_back(szSelf);
+    for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
+    argv.push_back(nullptr);
+    execv("/proc/self/exe", argv.data());
+    _exit(127);
+  }
   return pid;
 }
 
@@ -183,7 +195,8 @@ class CBench {
   double Forward() {
     uint64 nBase = m_srv.Stats().nStored;
     auto t0 = Clock::now();
-    pid_t pid = spawn([&] { collector_via_queue(m_strShm, m_nQueue, m_opt.nRecords); });
+    pid_t pid = spawn({"--queue-collector", m_strShm, std::to_string(m_nQueue),
+                       std::to_string(m_opt.nRecords)});
     Clock::time_point t1;
     bool bOk = wait_stored(m_srv, nBase + static_cast<uint64>(m_opt.nRecords), &t1);
     if (!reap(pid) || !bOk) return -1;
@@ -193,8 +206,8 @@ class CBench {
   double Direct(int32 nPerCall) {
     uint64 nBase = m_srv.Stats().nStored;
     auto t0 = Clock::now();
-    uint16 nPort = m_srv.Port();
-    pid_t pid = spawn([&] { collector_direct(nPort, m_opt.nRecords, nPerCall); });
+    pid_t pid = spawn({"--direct-collector", std::to_string(m_srv.Port()),
+                       std::to_string(m_opt.nRecords), std::to_string(nPerCall)});
     Clock::time_point t1;
     bool bOk = wait_stored(m_srv, nBase + static_cast<uint64>(m_opt.nRecords), &t1);
     if (!reap(pid) || !bOk) return -1;
@@ -209,21 +222,23 @@ class CBench {
     m_srv.Control("close-every 1");
     m_srv.Control("refuse-connections on");
     auto t0 = Clock::now();
-    pid_t pid = spawn([&] { collector_via_queue(m_strShm, m_nQueue, m_opt.nRecords); });
+    const int64 nRecords = m_opt.nDrainRecords;
+    pid_t pid = spawn({"--queue-collector", m_strShm, std::to_string(m_nQueue),
+                       std::to_string(nRecords)});
     if (!reap(pid)) return -1;
     // The queue is empty once the data thread has taken every batch.
     do {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     } while (proccomm_get_unused_block_percent(m_hPc) < 0.999);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    *pFillRate = static_cast<double>(m_opt.nRecords) / seconds(t0, Clock::now());
+    *pFillRate = static_cast<double>(nRecords) / seconds(t0, Clock::now());
     m_srv.Control("reset");
     // The first attempt after the outage comes after the 1 s retry pause.
     Clock::time_point tFirst, tLast;
     if (!wait_stored(m_srv, nBase + 1, &tFirst)) return -1;
     uint64 nAtFirst = m_srv.Stats().nStored;
-    if (!wait_stored(m_srv, nBase + static_cast<uint64>(m_opt.nRecords), &tLast)) return -1;
-    return static_cast<double>(nBase + m_opt.nRecords - nAtFirst) / seconds(tFirst, tLast);
+    if (!wait_stored(m_srv, nBase + static_cast<uint64>(nRecords), &tLast)) return -1;
+    return static_cast<double>(nBase + nRecords - nAtFirst) / seconds(tFirst, tLast);
   }
 
  private:
@@ -240,14 +255,19 @@ class CBench {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 5 && strcmp(argv[1], "--queue-collector") == 0)
+    collector_via_queue(argv[2], atoi(argv[3]), atoll(argv[4]));
+  if (argc == 5 && strcmp(argv[1], "--direct-collector") == 0)
+    collector_direct(static_cast<uint16>(atoi(argv[2])), atoll(argv[3]), atoi(argv[4]));
   SOptions opt;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string k = argv[i];
     if (k == "--runs") opt.nRuns = atoi(argv[i + 1]);
     else if (k == "--records") opt.nRecords = atoll(argv[i + 1]);
+    else if (k == "--drain-records") opt.nDrainRecords = atoll(argv[i + 1]);
     else if (k == "--dir") opt.strDir = argv[i + 1];
     else {
-      fprintf(stderr, "usage: %s [--runs 5] [--records 2000000] [--dir /tmp]\n", argv[0]);
+      fprintf(stderr, "usage: %s [--runs 5] [--records 16000000] [--drain-records 4000000] [--dir /tmp]\n", argv[0]);
       return 2;
     }
   }
@@ -275,8 +295,10 @@ int main(int argc, char** argv) {
   logc_finish();
 
   double fDirect = median(vDirect), fDirect1M = median(vDirect1M);
-  printf("records per run: %lld int32 records, %d per 64 KiB batch, runs: %d (medians)\n\n",
-         static_cast<long long>(opt.nRecords), nPerBatch, opt.nRuns);
+  printf("int32 records per run: %lld forwarded or direct, %lld drained; %d per 64 KiB batch; "
+         "medians of %d runs\n\n",
+         static_cast<long long>(opt.nRecords), static_cast<long long>(opt.nDrainRecords), nPerBatch,
+         opt.nRuns);
   printf("| path | records/s | vs direct (64 KiB calls) | vs direct (1 MiB calls) |\n");
   printf("|---|---:|---:|---:|\n");
   auto row = [&](const char* szName, double f) {
