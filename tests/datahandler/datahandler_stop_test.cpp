@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
 #include "datahandler_test_util.h"
+#include "zdorlo_api.h"
+#include "zdos_fault.h"
 
 namespace {
 
@@ -134,6 +137,25 @@ TEST_F(StopTest, StopWhileASaveHangs) {
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_LT(stop_seconds(this, [&] { StopHandler(); }), 1.2);
   EXPECT_TRUE(CacheHasRecord());
+}
+
+// The cache file cannot take the server's entry: the thread ends at once and
+// closes the session it opened (the library then has nothing to recover).
+TEST_F(StopTest, SaveSrvInfoFailureEndsTheThreadAndClosesTheSession) {
+  StartServer();
+  ASSERT_EQ(0, StartHandler(30));
+  OsFaultPlan plan{OS_FAULT_WRITE, 1, EIO, 0, /*bSticky=*/1};
+  os_fault_arm(&plan);
+  ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_ERROR, -1, "SaveSrvInfo to cache file failed"); },
+                       3000));
+  os_fault_disarm();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  uint32 nId = 1;
+  ZD3Record r = make_int32(1700000000, 1);
+  int32 nErr = 0;
+  EXPECT_EQ(ZD3_E_NOT_CONNECTED, sn3_save_tags_disorder_snapshots(1, &nId, &r, &nErr));
+  EXPECT_LT(stop_seconds(this, [&] { StopHandler(); }), 0.1);
+  EXPECT_EQ(0u, m_srv.Stats().nSaves);
 }
 
 TEST_F(StopTest, StopAfterFailedStart) {
