@@ -6,6 +6,7 @@
 // This process is the service side: the shared-memory instance, the cache
 // file, the data handler and the counting server. Each collector is this
 // program started again (fork and exec), a separate process as in production.
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +34,7 @@
 namespace {
 
 constexpr int32 kBatchBytes = 65536;
+char g_szSelf[4096] = "/proc/self/exe";  // this program, resolved at start (also under valgrind)
 constexpr int32 kSec = 1700000000;
 
 using Clock = std::chrono::steady_clock;
@@ -40,6 +42,35 @@ using Clock = std::chrono::steady_clock;
 double seconds(Clock::time_point t0, Clock::time_point t1) {
   return std::chrono::duration<double>(t1 - t0).count();
 }
+
+// CPU seconds used so far by this process (all threads) or by its reaped
+// children.
+double cpu_seconds(int nWho) {
+  struct rusage ru;
+  getrusage(nWho, &ru);
+  return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+         (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) * 1e-6;
+}
+
+// CPU nanoseconds per record of one measurement: this process (data thread,
+// server threads, the bench's polling) and the collector child.
+struct SCpu {
+  double fSelf = 0, fChild = 0;
+};
+
+class CCpuMeter {
+ public:
+  CCpuMeter() : m_fSelf(cpu_seconds(RUSAGE_SELF)), m_fChild(cpu_seconds(RUSAGE_CHILDREN)) {}
+  SCpu PerRecord(int64 nRecords) const {
+    SCpu c;
+    c.fSelf = (cpu_seconds(RUSAGE_SELF) - m_fSelf) * 1e9 / static_cast<double>(nRecords);
+    c.fChild = (cpu_seconds(RUSAGE_CHILDREN) - m_fChild) * 1e9 / static_cast<double>(nRecords);
+    return c;
+  }
+
+ private:
+  double m_fSelf, m_fChild;
+};
 
 double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -124,7 +155,7 @@ pid_t spawn(const std::vector<std::string>& args) {
     argv.push_back(szSelf);
     for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
     argv.push_back(nullptr);
-    execv("/proc/self/exe", argv.data());
+    execv(g_szSelf, argv.data());
     _exit(127);
   }
   return pid;
@@ -192,25 +223,29 @@ class CBench {
   }
 
   // Records/s through queue, data thread and server.
-  double Forward() {
+  double Forward(SCpu* pCpu) {
     uint64 nBase = m_srv.Stats().nStored;
+    CCpuMeter cpu;
     auto t0 = Clock::now();
     pid_t pid = spawn({"--queue-collector", m_strShm, std::to_string(m_nQueue),
                        std::to_string(m_opt.nRecords)});
     Clock::time_point t1;
     bool bOk = wait_stored(m_srv, nBase + static_cast<uint64>(m_opt.nRecords), &t1);
     if (!reap(pid) || !bOk) return -1;
+    *pCpu = cpu.PerRecord(m_opt.nRecords);
     return static_cast<double>(m_opt.nRecords) / seconds(t0, t1);
   }
 
-  double Direct(int32 nPerCall) {
+  double Direct(int32 nPerCall, SCpu* pCpu) {
     uint64 nBase = m_srv.Stats().nStored;
+    CCpuMeter cpu;
     auto t0 = Clock::now();
     pid_t pid = spawn({"--direct-collector", std::to_string(m_srv.Port()),
                        std::to_string(m_opt.nRecords), std::to_string(nPerCall)});
     Clock::time_point t1;
     bool bOk = wait_stored(m_srv, nBase + static_cast<uint64>(m_opt.nRecords), &t1);
     if (!reap(pid) || !bOk) return -1;
+    *pCpu = cpu.PerRecord(m_opt.nRecords);
     return static_cast<double>(m_opt.nRecords) / seconds(t0, t1);
   }
 
@@ -259,6 +294,8 @@ int main(int argc, char** argv) {
     collector_via_queue(argv[2], atoi(argv[3]), atoll(argv[4]));
   if (argc == 5 && strcmp(argv[1], "--direct-collector") == 0)
     collector_direct(static_cast<uint16>(atoi(argv[2])), atoll(argv[3]), atoi(argv[4]));
+  ssize_t nSelf = readlink("/proc/self/exe", g_szSelf, sizeof(g_szSelf) - 1);
+  if (nSelf > 0) g_szSelf[nSelf] = '\0';
   SOptions opt;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string k = argv[i];
@@ -281,10 +318,16 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::vector<double> vFwd, vDirect, vDirect1M, vDrain, vFill;
+  std::vector<double> vCpuSelf[3], vCpuChild[3];  // direct, direct 1 MiB, forward
   for (int r = 0; r < opt.nRuns; ++r) {
-    vDirect.push_back(bench.Direct(nPerBatch));
-    vFwd.push_back(bench.Forward());
-    vDirect1M.push_back(bench.Direct(47662));  // as many as one 1 MiB send buffer holds
+    SCpu cpu[3];
+    vDirect.push_back(bench.Direct(nPerBatch, &cpu[0]));
+    vFwd.push_back(bench.Forward(&cpu[2]));
+    vDirect1M.push_back(bench.Direct(47662, &cpu[1]));  // as many as one 1 MiB send buffer holds
+    for (int k = 0; k < 3; ++k) {
+      vCpuSelf[k].push_back(cpu[k].fSelf);
+      vCpuChild[k].push_back(cpu[k].fChild);
+    }
     double fFill = 0;
     vDrain.push_back(bench.Drain(&fFill));
     vFill.push_back(fFill);
@@ -309,5 +352,13 @@ int main(int argc, char** argv) {
   row("collector -> queue -> data thread -> server", median(vFwd));
   row("cache file fill during outage", median(vFill));
   row("cache file drain", median(vDrain));
+
+  printf("\nCPU per record (ns, medians): the collector process, and this process (server, plus the\n"
+         "data thread when forwarding)\n\n");
+  printf("| path | collector | server side |\n|---|---:|---:|\n");
+  const char* szNames[3] = {"direct client, 64 KiB calls", "direct client, 1 MiB calls",
+                            "collector -> queue -> data thread -> server"};
+  for (int k = 0; k < 3; ++k)
+    printf("| %s | %.1f | %.1f |\n", szNames[k], median(vCpuChild[k]), median(vCpuSelf[k]));
   return 0;
 }
