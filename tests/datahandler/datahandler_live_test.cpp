@@ -276,4 +276,44 @@ TEST_F(LiveTest, ShortSharedMemoryStoresOverflowInTheCacheFile) {
   proccomm_unreg(m_hPc, nOther, hOther);
 }
 
+// In drain mode the send buffer and a new batch of exactly 1,048,576 bytes
+// are joined; a batch one byte longer than what fits stores the send buffer.
+TEST_F(LiveTest, DrainModeOneMebibyteBoundary) {
+  StartServer();
+  ASSERT_EQ(0, StartHandler(30));
+  ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "Connect 0"); }, 3000));
+  int32 nOther = 0;
+  ProcCommQueueHandle hOther = nullptr;
+  ASSERT_EQ(0, proccomm_get_unused_queueid(m_hPc, &nOther));
+  ASSERT_EQ(0, proccomm_reg(m_hPc, nOther, &hOther));
+  std::vector<char> big(1048576, 'z');
+  int nSent = 0;
+  while (proccomm_get_unused_block_percent(m_hPc) >= 0.3) {
+    ASSERT_EQ(0, proccomm_send(hOther, big.data(), static_cast<int32>(big.size())));
+    ++nSent;
+  }
+  ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "proccomm has not enough space"); },
+                       2000));
+  std::vector<char> a = make_blob_batch(1, 600000), b = make_blob_batch(2, 1048576 - 600000);
+  Send(a);
+  Send(b);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(CacheHasRecord());
+  EXPECT_EQ(0u, m_srv.Stats().nSaves);
+  std::vector<char> c = make_int32_batch(3, 1, 1);
+  Send(c);  // 1,048,574 + 24 bytes: over
+  ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nSaves == 1 && !CacheHasRecord(); }, 3000));
+  EXPECT_TRUE(logc_capture_has(LL_TRACE, 0, "save 1048574 bytes to cache file"));
+
+  std::vector<char> buf(1048576);
+  for (int i = 0; i < nSent; ++i) {
+    int32 nLen = static_cast<int32>(buf.size());
+    ASSERT_EQ(0, proccomm_recv(hOther, buf.data(), &nLen, 0, 0));
+  }
+  uint64 nAll = batch_count(a) + batch_count(b) + 1;
+  ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == nAll; }, 3000));
+  EXPECT_EQ(2u, m_srv.Stats().nSaves);
+  proccomm_unreg(m_hPc, nOther, hOther);
+}
+
 }  // namespace

@@ -240,4 +240,23 @@ TEST_F(DamagedCacheTest, ReadErrorIsRetried) {
   expect_exactly_once(stored_values(Rows(), 1), 30);
 }
 
+// A cached batch the server would never take (malformed, as an older or
+// damaged file may hold) is removed after the attempt; the next ones follow.
+TEST_F(DamagedCacheTest, MalformedCachedBatchIsDroppedAndDrainingGoesOn) {
+  StartServer();
+  SrvHandle h = Entry();
+  std::vector<char> good1 = make_int32_batch(1, 1, 5), good2 = make_int32_batch(1, 6, 5);
+  std::vector<char> bad = make_int32_batch(1, 100, 2);
+  bad[0] = 3;
+  ASSERT_EQ(0, m_cache.SaveRecord(h, good1.data(), static_cast<int32>(good1.size())));
+  ASSERT_EQ(0, m_cache.SaveRecord(h, bad.data(), static_cast<int32>(bad.size())));
+  ASSERT_EQ(0, m_cache.SaveRecord(h, good2.data(), static_cast<int32>(good2.size())));
+  ASSERT_EQ(0, StartHandler(30));
+  ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == 10 && !CacheHasRecord(); }, 3000));
+  EXPECT_EQ(2u, m_srv.Stats().nSaves);
+  expect_exactly_once(stored_values(Rows(), 1), 10);
+  StopHandler();
+  EXPECT_TRUE(logc_capture_has(LL_INFO, 0, "drained 2/10, malformed 1/3"));
+}
+
 }  // namespace
