@@ -490,19 +490,31 @@ CDataHandler::CDataThread::Turn CDataHandler::CDataThread::DrainTurn() {
 
 // A cached batch that cannot be read. An I/O error may pass: retry after a
 // pause. A stored length above our buffer (only a damaged file holds one)
-// can be stepped over: remove that record. A length of 0 or less, or a
-// broken chain, cannot be stepped over: the rest of the queue is unreachable
+// can be stepped over when the queue is that long: remove that record. A
+// length of 0 or less, one that runs past the queue, or a broken chain,
+// cannot be stepped over: the rest of the queue is unreachable
 // and is dropped whole.
 // Either loss is logged, with what was lost.
 void CDataHandler::CDataThread::CacheReadFailed(int32 nRet) {
   LOGC_CATEGORY cat = m_cat;
   if (nRet == EC_CACHE_BUF_SMALL) {
     int32 nDel = m_pCacheFile->DelCurRecord(m_hSrv);
-    LOGC_WRITE(cat, LL_ERROR, nRet,
-               "cached batch of %d bytes is larger than any batch (%d bytes): dropped it, del nRet %d",
-               m_nLenSendBufForCacheFile, kBufferSize, nDel);
-    m_counters.nLostBatches++;
-  } else if (nRet == EC_CACHE_BAD_REC_LEN || nRet == EC_CACHE_BAD_CHAIN) {
+    if (nDel == 0) {
+      LOGC_WRITE(cat, LL_ERROR, nRet,
+                 "cached batch of %d bytes is larger than any batch (%d bytes): dropped it",
+                 m_nLenSendBufForCacheFile, kBufferSize);
+      m_counters.nLostBatches++;
+      return;
+    }
+    // The damaged length runs past the end of the queue's chain, so the
+    // record cannot be stepped over either: drop the queue as below.
+    LOGC_WRITE(cat, LL_ERROR, nDel,
+               "cached batch of %d bytes is larger than any batch (%d bytes) and runs past the "
+               "cached queue",
+               m_nLenSendBufForCacheFile, kBufferSize);
+    nRet = EC_CACHE_BAD_CHAIN;
+  }
+  if (nRet == EC_CACHE_BAD_REC_LEN || nRet == EC_CACHE_BAD_CHAIN) {
     int32 nDropped = 0;
     int32 nDel = m_pCacheFile->DropAllRecords(m_hSrv, &nDropped);
     LOGC_WRITE(cat, LL_ERROR, nRet,
