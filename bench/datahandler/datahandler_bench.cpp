@@ -1,7 +1,7 @@
 // End-to-end throughput of the data handler, against a collector that calls
 // the client library itself, both into the counting reference server; and
 // the rate at which a filled cache file drains. Prints a table of medians
-// (docs/performance-datahandler.md).
+// (docs/performance.md).
 //
 // This process is the service side: the shared-memory instance, the cache
 // file, the data handler and the counting server. Each collector is this
