@@ -61,7 +61,7 @@ void AppendBuf(const char* pRecv, int32 nLenRecv, char* pSendBuf, int32* pnLenSe
 // batch joined to good ones would make the whole send buffer undeliverable,
 // so it is refused alone. Returns 0 and the length of the framed part
 // (bytes after the last entry are not joined), or the decoder's status.
-int32 CheckBatchFrame(const char* pBatch, int32 nLen, ZD3Record* pScratch, int32* pnFramedLen) {
+int32 CheckBatchFrame(const char* pBatch, int32 nLen, int32* pnFramedLen) {
   uint16 nCount = BatchCount(pBatch, nLen);
   if (nLen < kBatchHeadSize || nCount == 0) return EC_MSG_TOO_SHORT;
   int32 nPos = kBatchHeadSize;
@@ -71,7 +71,7 @@ int32 CheckBatchFrame(const char* pBatch, int32 nLen, ZD3Record* pScratch, int32
     unpack_value(pBatch + nPos + 4, &nLenRecord, sizeof(nLenRecord), false);
     nPos += kEntryHeadSize;
     if (nLen - nPos < nLenRecord) return EC_MSG_TOO_SHORT;
-    int32 nRet = buffer_proto_parse_buffer_to_zdrecord(pScratch, pBatch + nPos, nLenRecord);
+    int32 nRet = buffer_proto_check_record(pBatch + nPos, nLenRecord);
     if (nRet != 0) return nRet;
     nPos += nLenRecord;
   }
@@ -367,8 +367,6 @@ class CDataHandler::CDataThread {
   int64 m_nCurrentMs = 0;      // when the deadline was last armed
   int32 m_nRet = 0;
   SendScratch m_scratch;
-  ZD3Record m_checkRecord{};   // decode target of the frame check
-  char m_szCheckValue[ZD3_MAX_STRBLOB_LEN];
   DataHandlerCounters m_counters;
   int64 m_nNextCountersMs = 0;
 };
@@ -411,7 +409,6 @@ int32 CDataHandler::CDataThread::Run() {
     m_p->Disconnect();
     return EC_NO_MEMORY;
   }
-  m_checkRecord.value.strBlob.pBuf = m_szCheckValue;
   m_p->m_pScratch = &m_scratch;
   ut3_set_request_timeout(m_p->m_nSendTimeout);
   m_nNextCountersMs = GetCurrentTimeMs() + kCountersPeriodMs;
@@ -571,7 +568,7 @@ CDataHandler::CDataThread::Turn CDataHandler::CDataThread::LiveTurn() {
 void CDataHandler::CDataThread::TakeReceived(bool bLive) {
   LOGC_CATEGORY cat = m_cat;
   int32 nFramed = 0;
-  int32 nCheck = CheckBatchFrame(m_pRecvBufFromAPI.get(), m_nLenRecvFromAPI, &m_checkRecord, &nFramed);
+  int32 nCheck = CheckBatchFrame(m_pRecvBufFromAPI.get(), m_nLenRecvFromAPI, &nFramed);
   if (nCheck != 0) {
     LOGC_WRITE(cat, LL_ERROR, nCheck, "malformed batch of %d bytes from the queue dropped",
                m_nLenRecvFromAPI);
