@@ -61,7 +61,7 @@ void AppendBuf(const char* pRecv, int32 nLenRecv, char* pSendBuf, int32* pnLenSe
 // batch joined to good ones would make the whole send buffer undeliverable,
 // so it is refused alone. Returns 0 and the length of the framed part
 // (bytes after the last entry are not joined), or the decoder's status.
-int32 CheckBatchFrame(const char* pBatch, int32 nLen, ZD3Record* pScratch, int32* pnFramedLen) {
+int32 CheckBatchFrame(const char* pBatch, int32 nLen, int32* pnFramedLen) {
   uint16 nCount = BatchCount(pBatch, nLen);
   if (nLen < kBatchHeadSize || nCount == 0) return EC_MSG_TOO_SHORT;
   int32 nPos = kBatchHeadSize;
@@ -71,7 +71,7 @@ int32 CheckBatchFrame(const char* pBatch, int32 nLen, ZD3Record* pScratch, int32
     unpack_value(pBatch + nPos + 4, &nLenRecord, sizeof(nLenRecord), false);
     nPos += kEntryHeadSize;
     if (nLen - nPos < nLenRecord) return EC_MSG_TOO_SHORT;
-    int32 nRet = buffer_proto_parse_buffer_to_zdrecord(pScratch, pBatch + nPos, nLenRecord);
+    int32 nRet = buffer_proto_check_record(pBatch + nPos, nLenRecord);
     if (nRet != 0) return nRet;
     nPos += nLenRecord;
   }
@@ -372,8 +372,6 @@ class CDataHandler::CDataThread {
   int64 m_nCurrentMs = 0;      // when the deadline was last armed
   int32 m_nRet = 0;
   SendScratch m_scratch;
-  ZD3Record m_checkRecord{};   // decode target of the frame check
-  char m_szCheckValue[ZD3_MAX_STRBLOB_LEN];
   DataHandlerCounters m_counters;
   int64 m_nNextCountersMs = 0;
 };
@@ -416,7 +414,6 @@ int32 CDataHandler::CDataThread::Run() {
     m_p->Disconnect();
     return EC_NO_MEMORY;
   }
-  m_checkRecord.value.strBlob.pBuf = m_szCheckValue;
   m_p->m_pScratch = &m_scratch;
   ut3_set_request_timeout(m_p->m_nSendTimeout);
   m_nNextCountersMs = GetCurrentTimeMs() + kCountersPeriodMs;
@@ -495,19 +492,31 @@ CDataHandler::CDataThread::Turn CDataHandler::CDataThread::DrainTurn() {
 
 // A cached batch that cannot be read. An I/O error may pass: retry after a
 // pause. A stored length above our buffer (only a damaged file holds one)
-// can be stepped over: remove that record. A length of 0 or less, or a
-// broken chain, cannot be stepped over: the rest of the queue is unreachable
+// can be stepped over when the queue is that long: remove that record. A
+// length of 0 or less, one that runs past the queue, or a broken chain,
+// cannot be stepped over: the rest of the queue is unreachable
 // and is dropped whole.
 // Either loss is logged, with what was lost.
 void CDataHandler::CDataThread::CacheReadFailed(int32 nRet) {
   LOGC_CATEGORY cat = m_cat;
   if (nRet == EC_CACHE_BUF_SMALL) {
     int32 nDel = m_pCacheFile->DelCurRecord(m_hSrv);
-    LOGC_WRITE(cat, LL_ERROR, nRet,
-               "cached batch of %d bytes is larger than any batch (%d bytes): dropped it, del nRet %d",
-               m_nLenSendBufForCacheFile, kBufferSize, nDel);
-    m_counters.nLostBatches++;
-  } else if (nRet == EC_CACHE_BAD_REC_LEN || nRet == EC_CACHE_BAD_CHAIN) {
+    if (nDel == 0) {
+      LOGC_WRITE(cat, LL_ERROR, nRet,
+                 "cached batch of %d bytes is larger than any batch (%d bytes): dropped it",
+                 m_nLenSendBufForCacheFile, kBufferSize);
+      m_counters.nLostBatches++;
+      return;
+    }
+    // The damaged length runs past the end of the queue's chain, so the
+    // record cannot be stepped over either: drop the queue as below.
+    LOGC_WRITE(cat, LL_ERROR, nDel,
+               "cached batch of %d bytes is larger than any batch (%d bytes) and runs past the "
+               "cached queue",
+               m_nLenSendBufForCacheFile, kBufferSize);
+    nRet = EC_CACHE_BAD_CHAIN;
+  }
+  if (nRet == EC_CACHE_BAD_REC_LEN || nRet == EC_CACHE_BAD_CHAIN) {
     int32 nDropped = 0;
     int32 nDel = m_pCacheFile->DropAllRecords(m_hSrv, &nDropped);
     LOGC_WRITE(cat, LL_ERROR, nRet,
@@ -564,7 +573,7 @@ CDataHandler::CDataThread::Turn CDataHandler::CDataThread::LiveTurn() {
 void CDataHandler::CDataThread::TakeReceived(bool bLive) {
   LOGC_CATEGORY cat = m_cat;
   int32 nFramed = 0;
-  int32 nCheck = CheckBatchFrame(m_pRecvBufFromAPI.get(), m_nLenRecvFromAPI, &m_checkRecord, &nFramed);
+  int32 nCheck = CheckBatchFrame(m_pRecvBufFromAPI.get(), m_nLenRecvFromAPI, &nFramed);
   if (nCheck != 0) {
     LOGC_WRITE(cat, LL_ERROR, nCheck, "malformed batch of %d bytes from the queue dropped",
                m_nLenRecvFromAPI);

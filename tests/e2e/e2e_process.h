@@ -189,8 +189,8 @@ class CProcess {
 
 // Runs a program to its end (bounded); returns its exit status and leaves
 // standard output in *pOut and standard error in *pErr.
-inline int RunToEnd(const std::vector<std::string>& argv, const std::string& szDir,
-                    int nTimeoutMs, std::string* pOut = nullptr, std::string* pErr = nullptr) {
+inline int RunToEnd(const std::vector<std::string>& argv, const std::string& szDir, int nTimeoutMs,
+                    std::string* pOut = nullptr, std::string* pErr = nullptr) {
   static int s_nSeq = 0;
   std::string szBase = szDir + "/run" + std::to_string(getpid()) + "_" + std::to_string(s_nSeq++);
   CProcess proc;

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,7 +44,7 @@ class E2ETest : public ::testing::Test {
               "  <Category name=\"Zandor.Buffer\" threshold=\"INFO\"/>\n"
               "  <FileAppender enabled=\"true\" path=\"../log/zdBuffer.log\" maxSizeMb=\"16\" "
               "maxFiles=\"2\"/>\n"
-              "  <ConsoleAppender enabled=\"false\"/>\n"
+              "  <ConsoleAppender enabled=\"true\"/>\n"
               "</LogClient>\n");
     m_nStartMs = NowMs();
   }
@@ -55,8 +57,11 @@ class E2ETest : public ::testing::Test {
     unlink(("/dev/shm/zdpcm." + m_szName).c_str());
     unlink(("/dev/shm/" + m_szName + "_sema.lock").c_str());
     if (HasFailure()) {
-      fprintf(stderr, "---- service log (%s) ----\n%s\n", m_dir.Path().c_str(), Log().c_str());
-      for (CProcess& p : m_services) fprintf(stderr, "---- service stdout ----\n%s\n", p.Out().c_str());
+      std::string szLog = Log();
+      if (szLog.size() > 20000) szLog = "..." + szLog.substr(szLog.size() - 20000);
+      fprintf(stderr, "---- service log (%s) ----\n%s\n", m_dir.Path().c_str(), szLog.c_str());
+      for (CProcess& p : m_services)
+        fprintf(stderr, "---- service stdout ----\n%s\n", p.Out().c_str());
     }
     if (!IsSkipped()) {
       EXPECT_LT(NowMs() - m_nStartMs, 30000) << "an end-to-end test must stay under 30 s";
@@ -66,21 +71,26 @@ class E2ETest : public ::testing::Test {
   void WriteConfig(const std::string& szName) {
     WriteFile(m_dir / "config/ZD3Buffer.xml",
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-              "<Buffer version=\"1.0.0\" name=\"" + szName + "\" memsizemb=\"16\">\n"
-              "  <CacheFile Path=\"../cache/\" Prefix=\"e2e\" SizeMb=\"32\"/>\n"
-              "  <Send PeriodMs=\"100\" ConnTimeOutSec=\"1\" SendTimeOutSec=\"3\"/>\n"
-              "</Buffer>\n");
+              "<Buffer version=\"1.0.0\" name=\"" +
+                  szName +
+                  "\" memsizemb=\"16\">\n"
+                  "  <CacheFile Path=\"../cache/\" Prefix=\"e2e\" SizeMb=\"32\"/>\n"
+                  "  <Send PeriodMs=\"100\" ConnTimeOutSec=\"1\" SendTimeOutSec=\"3\"/>\n"
+                  "</Buffer>\n");
   }
 
   // Starts a reference server on nPort (0: any) and returns its data port,
   // or 0 when it did not come up.
-  int StartServer(int nPort = 0, std::vector<std::string> extra = {}, const std::string& szDb = "") {
+  int StartServer(int nPort = 0, std::vector<std::string> extra = {},
+                  const std::string& szDb = "") {
     m_servers.emplace_back();
     CProcess& p = m_servers.back();
     std::string szOut = m_dir / ("server" + std::to_string(m_servers.size()) + ".out");
-    std::vector<std::string> argv = {ZDREFSERVER_PATH, "serve", "--db",
-                                     szDb.empty() ? m_dir / "db.sqlite" : szDb, "--port",
-                                     std::to_string(nPort), "--control-port", "0", "--quiet"};
+    std::vector<std::string> argv = {ZDREFSERVER_PATH, "serve",
+                                     "--db",           szDb.empty() ? m_dir / "db.sqlite" : szDb,
+                                     "--port",         std::to_string(nPort),
+                                     "--control-port", "0",
+                                     "--quiet"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     if (!p.Start(argv, szOut, m_dir / "server.err")) return 0;
     int nListen = 0;
@@ -126,8 +136,8 @@ class E2ETest : public ::testing::Test {
   }
 
   std::vector<std::string> Collect(int nPort, std::initializer_list<std::string> extra) {
-    std::vector<std::string> argv = {ZDCOLLECT_PATH, "-q", "-i", m_szName, "-s",
-                                     "127.0.0.1:" + std::to_string(nPort)};
+    std::vector<std::string> argv = {ZDCOLLECT_PATH, "-q", "-i",
+                                     m_szName,       "-s", "127.0.0.1:" + std::to_string(nPort)};
     argv.insert(argv.end(), extra);
     return argv;
   }
@@ -140,8 +150,9 @@ class E2ETest : public ::testing::Test {
   }
   int32 AnnounceQueue(int nPort, const std::string& szIP = "127.0.0.1") {
     std::string szOut, szErr;
-    std::vector<std::string> argv = {ZDCOLLECT_PATH, "-q", "-i", m_szName, "-s",
-                                     szIP + ":" + std::to_string(nPort), "--announce-only"};
+    std::vector<std::string> argv = {ZDCOLLECT_PATH,   "-q", "-i",
+                                     m_szName,         "-s", szIP + ":" + std::to_string(nPort),
+                                     "--announce-only"};
     if (RunToEnd(argv, m_dir.Path(), 10000, &szOut, &szErr) != 0) return -1;
     return szOut.rfind("QUEUE ", 0) == 0 ? atoi(szOut.c_str() + 6) : -1;
   }
@@ -150,12 +161,34 @@ class E2ETest : public ::testing::Test {
   // status (0: nothing lost, nothing out of order); the summary in *pSummary.
   int Report(int nTags, int nLast, std::string* pSummary = nullptr, const std::string& szDb = "") {
     std::string szErr;
-    int nRet = RunToEnd({ZDREFSERVER_PATH, "report", "--db", szDb.empty() ? m_dir / "db.sqlite" : szDb,
-                         "--tags", "1-" + std::to_string(nTags), "--first", "1", "--last",
-                         std::to_string(nLast)},
-                        m_dir.Path(), 10000, nullptr, &szErr);
+    int nRet = RunToEnd(
+        {ZDREFSERVER_PATH, "report", "--db", szDb.empty() ? m_dir / "db.sqlite" : szDb, "--tags",
+         "1-" + std::to_string(nTags), "--first", "1", "--last", std::to_string(nLast)},
+        m_dir.Path(), 10000, nullptr, &szErr);
     if (pSummary != nullptr) *pSummary = szErr;
     return nRet;
+  }
+  // One row of the report per tag: received, duplicates, out_of_order,
+  // missing (of 1..nLast) and the greatest value.
+  struct STagRow {
+    long nReceived = -1, nDuplicates = -1, nOutOfOrder = -1, nMissing = -1, nMax = -1;
+  };
+  std::map<int, STagRow> ReportRows(int nTags, int nLast) {
+    std::string szOut;
+    RunToEnd({ZDREFSERVER_PATH, "report", "--db", m_dir / "db.sqlite", "--tags",
+              "1-" + std::to_string(nTags), "--first", "1", "--last", std::to_string(nLast)},
+             m_dir.Path(), 10000, &szOut);
+    std::map<int, STagRow> rows;
+    std::istringstream in(szOut);
+    std::string szLine;
+    while (std::getline(in, szLine)) {
+      // tag,received,distinct,duplicates,out_of_order,missing,unexpected,not_sequence,min,max
+      long v[10];
+      if (sscanf(szLine.c_str(), "%ld,%ld,%ld,%ld,%ld,%ld,%ld,%ld,%ld,%ld", &v[0], &v[1], &v[2],
+                 &v[3], &v[4], &v[5], &v[6], &v[7], &v[8], &v[9]) == 10)
+        rows[static_cast<int>(v[0])] = {v[1], v[3], v[4], v[5], v[9]};
+    }
+    return rows;
   }
   bool WaitReport(int nTags, int nLast, int nTimeoutMs, const std::string& szDb = "") {
     return WaitFor([&] { return Report(nTags, nLast, nullptr, szDb) == 0; }, nTimeoutMs);
@@ -178,7 +211,13 @@ class E2ETest : public ::testing::Test {
              m_dir.Path(), 5000, &szOut);
     return szOut;
   }
-  std::string Log() { return ReadFile(m_dir / "log/zdBuffer.log"); }
+  // The log as the services wrote it to standard error: the console appender
+  // writes every line at once, the file appender only flushes on warnings.
+  std::string Log() {
+    std::string s;
+    for (CProcess& p : m_services) s += p.Err();
+    return s;
+  }
   bool LogHas(const std::string& szText) { return Log().find(szText) != std::string::npos; }
   bool WaitLog(const std::string& szText, int nTimeoutMs) {
     return WaitFor([&] { return LogHas(szText); }, nTimeoutMs);
@@ -201,6 +240,13 @@ TEST_F(E2ETest, ForwardsExactValuesToTheServer) {
   int nPort = StartServer();
   ASSERT_NE(0, nPort);
   CProcess& service = StartServiceUp();
+  ASSERT_EQ(0, RunCollect(nPort, {"-t", "5", "-m", "400", "-r", "0", "-n", "50"}))
+      << m_szLastCollectErr;
+  ASSERT_TRUE(WaitReport(5, 400, 10000));
+  std::string szSummary;
+  EXPECT_EQ(0, Report(5, 400, &szSummary));
+  EXPECT_NE(std::string::npos, szSummary.find("lost 0, out of order 0, duplicates 0")) << szSummary;
+
   WriteFile(m_dir / "in.csv",
             "101,1700000000,250,192,int32,100\n"
             "102,1700000001,1,0,int8,-5\n"
@@ -212,21 +258,14 @@ TEST_F(E2ETest, ForwardsExactValuesToTheServer) {
             "108,1700000007,7,6,blob,x00ff10\n"
             "109,1700000008,999,192,string,\n");
   ASSERT_EQ(0, RunCollect(nPort, {"--csv", m_dir / "in.csv", "-n", "4"})) << m_szLastCollectErr;
-  ASSERT_TRUE(WaitFor([&] { return DumpRows() == 9; }, 10000)) << Dump();
+  ASSERT_TRUE(WaitFor([&] { return DumpRows() == 2000 + 9; }, 10000)) << Dump();
   std::string szDump = Dump();
   for (const char* szRow : {",101,1700000000,250,192,2,100\n", ",102,1700000001,1,0,0,-5\n",
                             ",103,1700000002,2,1,1,-300\n", ",104,1700000003,3,2,3,0.5\n",
                             ",105,1700000004,4,3,4,2.25\n", ",106,1700000005,5,4,5,1\n",
-                            ",107,1700000006,6,5,6,\"a,\"\"b\"\n", ",108,1700000007,7,6,7,x00ff10\n",
-                            ",109,1700000008,999,192,6,\"\"\n"})
-    EXPECT_NE(std::string::npos, szDump.find(szRow)) << szRow << " not in\n" << szDump;
-
-  ASSERT_EQ(0, RunCollect(nPort, {"-t", "5", "-m", "400", "-r", "0", "-n", "50"}))
-      << m_szLastCollectErr;
-  ASSERT_TRUE(WaitReport(5, 400, 10000));
-  std::string szSummary;
-  EXPECT_EQ(0, Report(5, 400, &szSummary));
-  EXPECT_NE(std::string::npos, szSummary.find("lost 0, out of order 0, duplicates 0")) << szSummary;
+                            ",107,1700000006,6,5,6,\"a,\"\"b\"\n",
+                            ",108,1700000007,7,6,7,x00ff10\n", ",109,1700000008,999,192,6,\"\"\n"})
+    EXPECT_NE(std::string::npos, szDump.find(szRow)) << szRow << " not in the dump";
   StopService(service);
 }
 
@@ -286,8 +325,8 @@ TEST_F(E2ETest, ServiceKilledWithCachedBatchesDeliversThemAfterRestart) {
   int64_t nCacheBefore = FileSize(CacheFile());
   // One burst (220 KB) within one send period: its delivery fails and the
   // whole send buffer goes to the cache file.
-  ASSERT_EQ(0, RunCollect(nPort, {"-t", "5", "-m", "2000", "-r", "0", "-n", "200",
-                                  "--wait-drained", "5"}))
+  ASSERT_EQ(0, RunCollect(nPort,
+                          {"-t", "5", "-m", "2000", "-r", "0", "-n", "200", "--wait-drained", "5"}))
       << m_szLastCollectErr;
   ASSERT_TRUE(WaitFor([&] { return FileSize(CacheFile()) >= nCacheBefore + 200000; }, 8000))
       << "cache file " << FileSize(CacheFile());
@@ -300,11 +339,28 @@ TEST_F(E2ETest, ServiceKilledWithCachedBatchesDeliversThemAfterRestart) {
 
   ASSERT_EQ(nPort, StartServer(nPort));
   CProcess& second = StartServiceUp();  // the guard of the killed one is free
-  EXPECT_TRUE(WaitReport(5, 2000, 15000)) << "the cached backlog was not delivered";
+  auto backlogDelivered = [&] {
+    auto rows = ReportRows(5, 2000);
+    for (int nTag = 1; nTag <= 5; ++nTag)
+      if (rows[nTag].nMissing != 0) return false;
+    return true;
+  };
+  EXPECT_TRUE(WaitFor(backlogDelivered, 15000)) << "the cached backlog was not delivered";
   EXPECT_EQ(0, m_collector.Wait(10000)) << m_collector.Err();
   EXPECT_NE(std::string::npos, m_collector.Err().find("re-attaches 1")) << m_collector.Err();
-  std::string szSummary;
-  EXPECT_EQ(0, Report(5, 2000, &szSummary)) << szSummary;
+  // The cached tags: complete and in order. The streaming tags: in order,
+  // and their last values arrived through the new service (what sat in the
+  // killed service's memory is gone with it).
+  ASSERT_TRUE(WaitFor([&] { return ReportRows(7, 2000)[7].nMax == 300; }, 5000));
+  auto rows = ReportRows(7, 2000);
+  for (int nTag = 1; nTag <= 7; ++nTag) {
+    EXPECT_EQ(0, rows[nTag].nOutOfOrder) << "tag " << nTag;
+    if (nTag <= 5) {
+      EXPECT_EQ(0, rows[nTag].nMissing) << "tag " << nTag;
+    } else {
+      EXPECT_EQ(300, rows[nTag].nMax) << "tag " << nTag;
+    }
+  }
   StopService(second);
 }
 
@@ -392,9 +448,29 @@ TEST_F(E2ETest, BadControlMessagesEndOnlyWhatTheyShould) {
   StopService(service);
 }
 
-// SIGTERM stops the service as "q" does.
+// A stop at once after the banner, while the control thread may still be
+// attaching to its queue, ends the service as cleanly as a late one (it
+// once hung in the join of a control thread that attached after Stop).
+TEST_F(E2ETest, StopRightAfterStartUpIsClean) {
+  for (int i = 0; i < 6; ++i) {
+    CProcess& service = StartServiceUp();
+    int64_t nStart = NowMs();
+    if (i % 2 == 0)
+      service.Signal(SIGTERM);
+    else
+      service.Write("q\n");
+    EXPECT_EQ(0, service.Wait(kServiceStopMs)) << "round " << i;
+    EXPECT_LT(NowMs() - nStart, kServiceStopMs) << "round " << i;
+    if (HasFailure()) break;
+  }
+}
+
+// SIGTERM stops the service as "q" does, forwarding handler included.
 TEST_F(E2ETest, SigtermStopsTheServiceCleanly) {
+  int nPort = StartServer();
+  ASSERT_NE(0, nPort);
   CProcess& service = StartServiceUp();
+  ASSERT_EQ(0, RunCollect(nPort, {"-t", "2", "-m", "50", "-r", "0"})) << m_szLastCollectErr;
   int64_t nStart = NowMs();
   service.Signal(SIGTERM);
   EXPECT_EQ(0, service.Wait(kServiceStopMs));

@@ -89,7 +89,8 @@ class CFakeService {
     std::vector<char> buf(PROCCOMM_MAX_MSG_LEN);
     while (!m_bQuit) {
       int32 nLen = BUFFER_CTRL_MSG_MAX_LEN;
-      if (proccomm_recv(m_hControl, buf.data(), &nLen, 0, 0) == 0 && nLen > 0) Serve(buf.data(), nLen);
+      if (proccomm_recv(m_hControl, buf.data(), &nLen, 0, 0) == 0 && nLen > 0)
+        Serve(buf.data(), nLen);
       if (m_bPauseData) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         continue;
@@ -216,9 +217,9 @@ TEST_F(ZdCollectTest, PacedStreamKeepsToTheRateAndFlushesPartialBatches) {
   std::string szErr;
   int64_t nStart = e2e::NowMs();
   // 400 records at 1000/s with batches of 1000: only the flush period sends.
-  ASSERT_EQ(0, RunToEnd(Args({"-t", "4", "-m", "100", "-r", "1000", "-n", "1000", "--flush-ms",
-                              "50"}),
-                        m_dir.Path(), 20000, nullptr, &szErr))
+  ASSERT_EQ(0,
+            RunToEnd(Args({"-t", "4", "-m", "100", "-r", "1000", "-n", "1000", "--flush-ms", "50"}),
+                     m_dir.Path(), 20000, nullptr, &szErr))
       << szErr;
   int64_t nElapsed = e2e::NowMs() - nStart;
   EXPECT_GE(nElapsed, 350);
@@ -278,8 +279,8 @@ TEST_F(ZdCollectTest, RefusedOrUnansweredAnnouncementEndsWithAClearFailure) {
 TEST_F(ZdCollectTest, MissingServiceIsReportedAndNoInstanceIsCreated) {
   std::string szErr;
   int64_t nStart = e2e::NowMs();
-  EXPECT_EQ(1, RunToEnd(Args({"--attach-wait", "0.3", "-m", "5"}), m_dir.Path(), 10000, nullptr,
-                        &szErr));
+  EXPECT_EQ(
+      1, RunToEnd(Args({"--attach-wait", "0.3", "-m", "5"}), m_dir.Path(), 10000, nullptr, &szErr));
   EXPECT_LT(e2e::NowMs() - nStart, 3000);
   EXPECT_NE(std::string::npos, szErr.find("is zdBuffer running?")) << szErr;
   ProcCommHandle h = nullptr;
@@ -321,9 +322,9 @@ TEST_F(ZdCollectTest, FullPoolIsRetriedUntilEveryBatchIsAccepted) {
 TEST_F(ZdCollectTest, RestartedServiceIsReattachedAndTheStreamGoesOnInOrder) {
   m_service.Open(m_szName);
   CProcess collector;
-  ASSERT_TRUE(collector.Start(Args({"-t", "4", "-m", "1500", "-r", "4000", "-n", "20", "--tally",
-                                    m_dir / "tally.csv"}),
-                              m_dir / "re.out", m_dir / "re.err"));
+  ASSERT_TRUE(collector.Start(
+      Args({"-t", "4", "-m", "1500", "-r", "4000", "-n", "20", "--tally", m_dir / "tally.csv"}),
+      m_dir / "re.out", m_dir / "re.err"));
   ASSERT_TRUE(WaitFor([&] { return m_service.RecordCount() >= 1000; }, 5000));
   std::vector<SRecord> before = m_service.Records();
   m_service.Close();  // the service goes away ...
@@ -331,7 +332,8 @@ TEST_F(ZdCollectTest, RestartedServiceIsReattachedAndTheStreamGoesOnInOrder) {
   CFakeService second;  // ... and a new one comes up under the same name
   second.Open(m_szName);
   ASSERT_EQ(0, collector.Wait(20000)) << collector.Err();
-  ASSERT_TRUE(WaitFor([&] { return second.RecordCount() > 0 && second.Control().size() == 1; }, 5000));
+  ASSERT_TRUE(
+      WaitFor([&] { return second.RecordCount() > 0 && second.Control().size() == 1; }, 5000));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   std::vector<SRecord> after = second.Records();
   std::string szErr = collector.Err();

@@ -83,7 +83,8 @@ int32 CCollectSession::Announce() {
   char reply[BUFFER_CTRL_MSG_MAX_LEN];
   int32 nReplyLen = sizeof(reply);
   if (nRet == 0) {
-    nRet = proccomm_recv(hReply, reply, &nReplyLen, 1, static_cast<uint32>(m_target.nInitTimeoutMs));
+    nRet =
+        proccomm_recv(hReply, reply, &nReplyLen, 1, static_cast<uint32>(m_target.nInitTimeoutMs));
     if (nRet == EC_RD_PROCCOMM_RECV_TIMEOUT) nRet = ZDCOLLECT_E_INIT_TIMEOUT;
   }
   proccomm_unreg(m_hInstance, nReplyId, hReply);
@@ -132,8 +133,8 @@ int32 CCollectSession::Send(const char* pBatch, int32 nLen, uint16 nRecords) {
       return nRet;
     }
     m_stats.nReattaches.fetch_add(1, std::memory_order_relaxed);
-    fprintf(stderr, "zdcollect: re-announced %s:%u, data queue %d\n", m_target.szIP,
-            m_target.nPort, m_nDataQueueId);
+    fprintf(stderr, "zdcollect: re-announced %s:%u, data queue %d\n", m_target.szIP, m_target.nPort,
+            m_nDataQueueId);
     bResend = true;
   }
 }

@@ -42,12 +42,12 @@ struct SCollectTarget {
 
 // Counters, readable from another thread (progress line) while sending.
 struct SSendStats {
-  std::atomic<uint64> nBatches{0};      // batches accepted
-  std::atomic<uint64> nRecords{0};      // records in them
-  std::atomic<uint64> nBytes{0};        // bytes in them
-  std::atomic<uint64> nRefused{0};      // sends refused for lack of room
-  std::atomic<uint64> nRetries{0};      // batches sent again after a re-attach
-  std::atomic<uint64> nReattaches{0};   // re-attaches after the service went away
+  std::atomic<uint64> nBatches{0};     // batches accepted
+  std::atomic<uint64> nRecords{0};     // records in them
+  std::atomic<uint64> nBytes{0};       // bytes in them
+  std::atomic<uint64> nRefused{0};     // sends refused for lack of room
+  std::atomic<uint64> nRetries{0};     // batches sent again after a re-attach
+  std::atomic<uint64> nReattaches{0};  // re-attaches after the service went away
 };
 
 class CCollectSession {

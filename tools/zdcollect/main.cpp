@@ -46,7 +46,8 @@ void Usage(FILE* pOut) {
       "Attaches to a running zdBuffer, announces a server and sends records.\n"
       "\n"
       "Service and server:\n"
-      "  -i, --instance NAME     the service's instance (`name` in ZD3Buffer.xml; default zdBuffer)\n"
+      "  -i, --instance NAME     the service's instance (`name` in ZD3Buffer.xml; default "
+      "zdBuffer)\n"
       "  -s, --server IP:PORT    database server to announce (default 127.0.0.1:6320)\n"
       "  -b, --backup IP:PORT    backup server\n"
       "  -u, --user NAME         log in with NAME after every announcement ...\n"
@@ -61,7 +62,8 @@ void Usage(FILE* pOut) {
       "      --first-seq S       first value of every tag (default 1)\n"
       "  -m, --records M         records per tag, then stop\n"
       "  -d, --duration SEC      stop after SEC seconds (without -m or -d: until Ctrl-C)\n"
-      "  -r, --rate R            records per second in all; 0 = as fast as possible (default 1000)\n"
+      "  -r, --rate R            records per second in all; 0 = as fast as possible (default "
+      "1000)\n"
       "      --types LIST        value types, cycled over the tags: int8,int16,int32,float32,\n"
       "                          float64,digital,string,blob (default int32)\n"
       "CSV records:\n"
@@ -134,8 +136,21 @@ bool copy_text(const char* sz, char* pOut, size_t nCap) {
 // Returns -1 to go on, else the exit status.
 int ParseArgs(int argc, char** argv, SOptions* pOpt) {
   enum {
-    kInitTimeout = 1000, kAttachWait, kReattachWait, kFirstTag, kFirstSeq, kTypes, kCsv,
-    kFlushMs, kTally, kWaitDrained, kAnnounce, kLoginOnly, kRawCommand, kRawInitLen, kHelp
+    kInitTimeout = 1000,
+    kAttachWait,
+    kReattachWait,
+    kFirstTag,
+    kFirstSeq,
+    kTypes,
+    kCsv,
+    kFlushMs,
+    kTally,
+    kWaitDrained,
+    kAnnounce,
+    kLoginOnly,
+    kRawCommand,
+    kRawInitLen,
+    kHelp
   };
   static const struct option longopts[] = {
       {"instance", required_argument, nullptr, 'i'},
@@ -172,11 +187,21 @@ int ParseArgs(int argc, char** argv, SOptions* pOpt) {
   while ((c = getopt_long(argc, argv, "i:s:b:u:p:t:m:d:r:n:q", longopts, nullptr)) != -1) {
     bool bOk = true;
     switch (c) {
-      case 'i': bOk = copy_text(optarg, t.szInstance, sizeof(t.szInstance)); break;
-      case 's': bOk = parse_endpoint(optarg, t.szIP, &t.nPort); break;
-      case 'b': bOk = parse_endpoint(optarg, t.szBakIP, &t.nBakPort); break;
-      case 'u': bOk = bUser = copy_text(optarg, t.szUser, sizeof(t.szUser)); break;
-      case 'p': bOk = bPasswd = copy_text(optarg, t.szPasswd, sizeof(t.szPasswd)); break;
+      case 'i':
+        bOk = copy_text(optarg, t.szInstance, sizeof(t.szInstance));
+        break;
+      case 's':
+        bOk = parse_endpoint(optarg, t.szIP, &t.nPort);
+        break;
+      case 'b':
+        bOk = parse_endpoint(optarg, t.szBakIP, &t.nBakPort);
+        break;
+      case 'u':
+        bOk = bUser = copy_text(optarg, t.szUser, sizeof(t.szUser));
+        break;
+      case 'p':
+        bOk = bPasswd = copy_text(optarg, t.szPasswd, sizeof(t.szPasswd));
+        break;
       case kInitTimeout:
         bOk = parse_num(optarg, 1, 3600000, &f);
         t.nInitTimeoutMs = static_cast<int32>(f);
@@ -205,13 +230,18 @@ int ParseArgs(int argc, char** argv, SOptions* pOpt) {
         bOk = parse_num(optarg, 1, 1e12, &f);
         pOpt->nRecordsPerTag = static_cast<uint64>(f);
         break;
-      case 'd': bOk = parse_num(optarg, 0.001, 1e7, &pOpt->fDurationSec); break;
-      case 'r': bOk = parse_num(optarg, 0, 1e9, &pOpt->fRate); break;
+      case 'd':
+        bOk = parse_num(optarg, 0.001, 1e7, &pOpt->fDurationSec);
+        break;
+      case 'r':
+        bOk = parse_num(optarg, 0, 1e9, &pOpt->fRate);
+        break;
       case kTypes: {
         char szList[256];
         bOk = copy_text(optarg, szList, sizeof(szList));
         pOpt->types.clear();
-        for (char* p = bOk ? strtok(szList, ",") : nullptr; p != nullptr; p = strtok(nullptr, ",")) {
+        for (char* p = bOk ? strtok(szList, ",") : nullptr; p != nullptr;
+             p = strtok(nullptr, ",")) {
           int32 nType = zdcollect_parse_type(p);
           if (nType < 0) bOk = false;
           pOpt->types.push_back(nType);
@@ -219,7 +249,9 @@ int ParseArgs(int argc, char** argv, SOptions* pOpt) {
         bOk = bOk && !pOpt->types.empty();
         break;
       }
-      case kCsv: pOpt->szCsv = optarg; break;
+      case kCsv:
+        pOpt->szCsv = optarg;
+        break;
       case 'n':
         bOk = parse_num(optarg, 1, 55188, &f);
         pOpt->nBatch = static_cast<int32>(f);
@@ -228,11 +260,21 @@ int ParseArgs(int argc, char** argv, SOptions* pOpt) {
         bOk = parse_num(optarg, 1, 3600000, &f);
         pOpt->nFlushMs = static_cast<int32>(f);
         break;
-      case kTally: pOpt->szTally = optarg; break;
-      case kWaitDrained: bOk = parse_num(optarg, 0, 86400, &pOpt->fWaitDrainedSec); break;
-      case 'q': pOpt->bQuiet = true; break;
-      case kAnnounce: pOpt->eMode = EMode::kAnnounce; break;
-      case kLoginOnly: pOpt->eMode = EMode::kLoginOnly; break;
+      case kTally:
+        pOpt->szTally = optarg;
+        break;
+      case kWaitDrained:
+        bOk = parse_num(optarg, 0, 86400, &pOpt->fWaitDrainedSec);
+        break;
+      case 'q':
+        pOpt->bQuiet = true;
+        break;
+      case kAnnounce:
+        pOpt->eMode = EMode::kAnnounce;
+        break;
+      case kLoginOnly:
+        pOpt->eMode = EMode::kLoginOnly;
+        break;
       case kRawCommand:
         bOk = parse_num(optarg, 0, 65535, &f);
         pOpt->nRawCommand = static_cast<int32>(f);
@@ -243,8 +285,12 @@ int ParseArgs(int argc, char** argv, SOptions* pOpt) {
         pOpt->nRawInitLen = static_cast<int32>(f);
         pOpt->eMode = EMode::kRawInit;
         break;
-      case kHelp: Usage(stdout); return kExitOk;
-      default: Usage(stderr); return kExitUsage;
+      case kHelp:
+        Usage(stdout);
+        return kExitOk;
+      default:
+        Usage(stderr);
+        return kExitUsage;
     }
     if (!bOk) {
       fprintf(stderr, "zdcollect: bad value for %s: '%s'\n", argv[optind - 1], optarg);
@@ -269,17 +315,28 @@ int ParseArgs(int argc, char** argv, SOptions* pOpt) {
 
 const char* describe(int32 nRet) {
   switch (nRet) {
-    case ZDCOLLECT_E_NO_SERVICE: return "no live service instance of that name (is zdBuffer running?)";
-    case ZDCOLLECT_E_INIT_TIMEOUT: return "no init reply from the service";
-    case ZDCOLLECT_E_INIT_REFUSED: return "the service refused the announcement";
-    case ZDCOLLECT_E_STOPPED: return "interrupted";
-    case EC_RD_PROCCOMM_GONE: return "the service instance went away";
-    case EC_RD_PROCCOMM_INCOMPATIBLE: return "the instance has another layout version";
-    case EC_RD_PROCCOMM_MSG_TOO_LARGE: return "batch too large for the shared memory";
-    case ZDC_E_BAD_ARG: return "malformed value";
-    case ZDC_E_VALUE_TOO_LONG: return "value or line too long";
-    case ZDC_E_TEXT_TOO_LONG: return "address or credentials too long";
-    default: return "error";
+    case ZDCOLLECT_E_NO_SERVICE:
+      return "no live service instance of that name (is zdBuffer running?)";
+    case ZDCOLLECT_E_INIT_TIMEOUT:
+      return "no init reply from the service";
+    case ZDCOLLECT_E_INIT_REFUSED:
+      return "the service refused the announcement";
+    case ZDCOLLECT_E_STOPPED:
+      return "interrupted";
+    case EC_RD_PROCCOMM_GONE:
+      return "the service instance went away";
+    case EC_RD_PROCCOMM_INCOMPATIBLE:
+      return "the instance has another layout version";
+    case EC_RD_PROCCOMM_MSG_TOO_LARGE:
+      return "batch too large for the shared memory";
+    case ZDC_E_BAD_ARG:
+      return "malformed value";
+    case ZDC_E_VALUE_TOO_LONG:
+      return "value or line too long";
+    case ZDC_E_TEXT_TOO_LONG:
+      return "address or credentials too long";
+    default:
+      return "error";
   }
 }
 
@@ -318,12 +375,14 @@ class CProgress {
     uint64 nLastRecords = 0;
     while (!m_cv.wait_for(lock, std::chrono::seconds(1), [this] { return m_bDone; })) {
       uint64 nRecords = m_stats.nRecords.load(std::memory_order_relaxed);
-      fprintf(stderr, "zdcollect: %5.1f s  %llu records in %llu batches  %llu/s  refused %llu  retries %llu\n",
-              Elapsed(), static_cast<unsigned long long>(nRecords),
-              static_cast<unsigned long long>(m_stats.nBatches.load(std::memory_order_relaxed)),
-              static_cast<unsigned long long>(nRecords - nLastRecords),
-              static_cast<unsigned long long>(m_stats.nRefused.load(std::memory_order_relaxed)),
-              static_cast<unsigned long long>(m_stats.nRetries.load(std::memory_order_relaxed)));
+      fprintf(
+          stderr,
+          "zdcollect: %5.1f s  %llu records in %llu batches  %llu/s  refused %llu  retries %llu\n",
+          Elapsed(), static_cast<unsigned long long>(nRecords),
+          static_cast<unsigned long long>(m_stats.nBatches.load(std::memory_order_relaxed)),
+          static_cast<unsigned long long>(nRecords - nLastRecords),
+          static_cast<unsigned long long>(m_stats.nRefused.load(std::memory_order_relaxed)),
+          static_cast<unsigned long long>(m_stats.nRetries.load(std::memory_order_relaxed)));
       nLastRecords = nRecords;
     }
   }
@@ -441,8 +500,8 @@ int RunStream(const SOptions& opt) {
   const uint64 nTotal = opt.nRecordsPerTag != 0 ? opt.nRecordsPerTag * opt.nTags : UINT64_MAX;
   const bool bLimited = opt.szCsv != nullptr || opt.nRecordsPerTag != 0 || opt.fDurationSec > 0;
   const int64 nStartNs = mono_ns();
-  const int64 nEndNs = opt.fDurationSec > 0 ? nStartNs + static_cast<int64>(opt.fDurationSec * 1e9)
-                                            : INT64_MAX;
+  const int64 nEndNs =
+      opt.fDurationSec > 0 ? nStartNs + static_cast<int64>(opt.fDurationSec * 1e9) : INT64_MAX;
   const int64 nFlushNs = static_cast<int64>(opt.nFlushMs) * 1000000;
   int64 nBatchStartNs = 0;
   uint64 nNext = 0;  // next record index (synthetic)
@@ -473,17 +532,17 @@ int RunStream(const SOptions& opt) {
     // Records due by now: all of them without a rate.
     uint64 nDue = nTotal;
     if (opt.fRate > 0) {
-      uint64 nByRate = static_cast<uint64>(static_cast<double>(nNow - nStartNs) * opt.fRate / 1e9) + 1;
+      uint64 nByRate =
+          static_cast<uint64>(static_cast<double>(nNow - nStartNs) * opt.fRate / 1e9) + 1;
       if (nByRate < nDue) nDue = nByRate;
     }
     // Add what is due, at most one batch per pass so that stop and end are seen.
     while (nFail == 0 && nNext < nDue) {
       struct timespec ts;
       clock_gettime(CLOCK_REALTIME, &ts);
-      int32 r = pCsv != nullptr
-                    ? csv.Next(&batch)
-                    : synth.Append(&batch, nNext, static_cast<int32>(ts.tv_sec),
-                                   static_cast<int16>(ts.tv_nsec / 1000000));
+      int32 r = pCsv != nullptr ? csv.Next(&batch)
+                                : synth.Append(&batch, nNext, static_cast<int32>(ts.tv_sec),
+                                               static_cast<int16>(ts.tv_nsec / 1000000));
       if (r == 1) {  // end of the CSV file
         bEnd = true;
         break;
@@ -534,18 +593,18 @@ int RunStream(const SOptions& opt) {
     nDrain = session.WaitDrained(static_cast<int32>(opt.fWaitDrainedSec * 1000));
   progress.Stop();
   double fSec = progress.Elapsed();
-  fprintf(stderr,
-          "zdcollect: done in %.1f s: %llu records in %llu batches sent (%.0f records/s, %.2f MB/s); "
-          "refused %llu, retries %llu, re-attaches %llu; %llu not sent\n",
-          fSec, static_cast<unsigned long long>(nSent),
-          static_cast<unsigned long long>(st.nBatches.load()), fSec > 0 ? nSent / fSec : 0.0,
-          fSec > 0 ? st.nBytes.load() / fSec / 1e6 : 0.0,
-          static_cast<unsigned long long>(st.nRefused.load()),
-          static_cast<unsigned long long>(st.nRetries.load()),
-          static_cast<unsigned long long>(st.nReattaches.load()),
-          static_cast<unsigned long long>(nGenerated - nSent));
-  if (nFail != 0)
-    fprintf(stderr, "zdcollect: stopped: %s (%d)\n", describe(nFail), nFail);
+  fprintf(
+      stderr,
+      "zdcollect: done in %.1f s: %llu records in %llu batches sent (%.0f records/s, %.2f MB/s); "
+      "refused %llu, retries %llu, re-attaches %llu; %llu not sent\n",
+      fSec, static_cast<unsigned long long>(nSent),
+      static_cast<unsigned long long>(st.nBatches.load()), fSec > 0 ? nSent / fSec : 0.0,
+      fSec > 0 ? st.nBytes.load() / fSec / 1e6 : 0.0,
+      static_cast<unsigned long long>(st.nRefused.load()),
+      static_cast<unsigned long long>(st.nRetries.load()),
+      static_cast<unsigned long long>(st.nReattaches.load()),
+      static_cast<unsigned long long>(nGenerated - nSent));
+  if (nFail != 0) fprintf(stderr, "zdcollect: stopped: %s (%d)\n", describe(nFail), nFail);
   if (nDrain != 0)
     fprintf(stderr, "zdcollect: the service did not take every message in time (%d)\n", nDrain);
   if (pCsv != nullptr && pCsv != stdin) fclose(pCsv);

@@ -104,14 +104,13 @@ int32 CSyntheticSource::Append(ZdcBatch* pBatch, uint64 nIndex, int32 nSec, int1
       return zdc_batch_add_string(pBatch, nTag, nSec, nMsec, kQualityGood, szText);
     }
     case ZD3_TAG_TYPE_BLOB: {
-      unsigned char bytes[4] = {static_cast<unsigned char>(nSeq), static_cast<unsigned char>(nSeq >> 8),
-                                static_cast<unsigned char>(nSeq >> 16),
-                                static_cast<unsigned char>(nSeq >> 24)};
+      unsigned char bytes[4] = {
+          static_cast<unsigned char>(nSeq), static_cast<unsigned char>(nSeq >> 8),
+          static_cast<unsigned char>(nSeq >> 16), static_cast<unsigned char>(nSeq >> 24)};
       return zdc_batch_add_blob(pBatch, nTag, nSec, nMsec, kQualityGood, bytes, 4);
     }
     default:
-      return zdc_batch_add_int32(pBatch, nTag, nSec, nMsec, kQualityGood,
-                                 static_cast<int32>(nSeq));
+      return zdc_batch_add_int32(pBatch, nTag, nSec, nMsec, kQualityGood, static_cast<int32>(nSeq));
   }
 }
 

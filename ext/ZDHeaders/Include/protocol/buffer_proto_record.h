@@ -89,6 +89,11 @@ static inline int32 buffer_proto_value_head_len(uint32 nTagType) {
  * After a fault the record's contents are unspecified. */
 int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuffer, int32 nBufLen);
 
+/* The status buffer_proto_parse_buffer_to_zdrecord would return for this
+ * body (given a value buffer), without decoding it: for checking a batch
+ * before it is accepted. Reads nothing at or beyond pBuffer + nBufLen. */
+int32 buffer_proto_check_record(const char* pBuffer, int32 nBufLen);
+
 #ifdef __cplusplus
 } /* extern "C" */
 static_assert(BUFFER_BATCH_MAX_LEN / (BUFFER_ENTRY_HEAD_LEN + BUFFER_RECORD_HEAD_LEN + 1) < 65536,

@@ -73,3 +73,20 @@ int32 buffer_proto_parse_buffer_to_zdrecord(ZD3Record* pRecord, const char* pBuf
   UnpackStrBlob(pValue + BUFFER_STRBLOB_LEN_LEN, value.strBlob.pBuf, nLenBuf);
   return EC_OK;
 }
+
+int32 buffer_proto_check_record(const char* pBuffer, int32 nBufLen) {
+  if (pBuffer == nullptr) return EC_NULL_POINTER;
+  if (nBufLen < BUFFER_RECORD_HEAD_LEN) return EC_MSG_TOO_SHORT;
+  uint32 nTagType = 0;
+  unpack_value(pBuffer + 8, &nTagType, 4, false);
+  if (nTagType > ZD3_TAG_TYPE_MAX) return EC_REC_BAD_TYPE;
+  const int32 nLeft = nBufLen - BUFFER_RECORD_HEAD_LEN;
+  if (nLeft < buffer_proto_value_head_len(nTagType)) return EC_MSG_TOO_SHORT;
+  if (nTagType == ZD3_TAG_TYPE_STRING || nTagType == ZD3_TAG_TYPE_BLOB) {
+    uint16 nLenBuf = 0;
+    unpack_value(pBuffer + BUFFER_RECORD_HEAD_LEN, &nLenBuf, 2, false);
+    if (nLenBuf > BUFFER_STRBLOB_MAX_LEN) return EC_REC_BAD_LEN;
+    if (nLeft - BUFFER_STRBLOB_LEN_LEN < nLenBuf) return EC_MSG_TOO_SHORT;
+  }
+  return EC_OK;
+}
