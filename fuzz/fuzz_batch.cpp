@@ -21,8 +21,8 @@
 #include "zd_errcode.h"
 
 struct CDataHandlerProbe {
-  static int32 Check(const char* p, int32 n, ZD3Record* pRec, int32* pnFramed) {
-    return CDataHandler::CheckReceivedBatch(p, n, pRec, pnFramed);
+  static int32 Check(const char* p, int32 n, int32* pnFramed) {
+    return CDataHandler::CheckReceivedBatch(p, n, pnFramed);
   }
   static int32 Send(CDataHandler* h, char* p, int32 n) { return h->SendRecToSrv(p, n); }
   static void SetScratch(CDataHandler* h, SendScratch* s) { h->m_pScratch = s; }
@@ -56,13 +56,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
   std::unique_ptr<char[]> pCopy(new char[nSize + (nSize == 0 ? 1 : 0)]);
   if (nSize > 0) memcpy(pCopy.get(), pData, nSize);
 
-  // The frame check decodes into a record with a 1,000-byte value buffer,
-  // like the data thread's.
-  std::unique_ptr<char[]> pValue(new char[ZD3_MAX_STRBLOB_LEN]);
-  ZD3Record rec{};
-  rec.value.strBlob.pBuf = pValue.get();
   int32 nFramed = -1;
-  const int32 nCheck = CDataHandlerProbe::Check(pCopy.get(), nLen, &rec, &nFramed);
+  const int32 nCheck = CDataHandlerProbe::Check(pCopy.get(), nLen, &nFramed);
   if (nCheck == 0 && (nFramed < BUFFER_BATCH_HEAD_LEN + BUFFER_ENTRY_HEAD_LEN || nFramed > nLen)) {
     fprintf(stderr, "frame check accepted with framed length %d of %d\n", nFramed, nLen);
     abort();

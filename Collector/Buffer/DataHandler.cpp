@@ -106,9 +106,8 @@ bool SendScratch::Reserve(int32 nRecords) {
   return true;
 }
 
-int32 CDataHandler::CheckReceivedBatch(const char* pBatch, int32 nLen, ZD3Record* pScratch,
-                                       int32* pnFramedLen) {
-  return CheckBatchFrame(pBatch, nLen, pScratch, pnFramedLen);
+int32 CDataHandler::CheckReceivedBatch(const char* pBatch, int32 nLen, int32* pnFramedLen) {
+  return CheckBatchFrame(pBatch, nLen, pnFramedLen);
 }
 
 // ---- The handler object --------------------------------------------------
