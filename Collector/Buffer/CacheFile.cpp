@@ -193,6 +193,19 @@ bool CCacheFile::IsDataBlockNo(int32 nBlockNo) const {
   return nBlockNo >= 1 && nBlockNo < LoadRelaxed(m_fileBlockInfo.nTotalBlockNum);
 }
 
+bool CCacheFile::IsQueueInRange(const SrvInfo& srv) const {
+  const int32 nBlockSize = m_fileBlockInfo.nBlockSize;
+  auto isPos = [nBlockSize](int32 nPos) { return nPos >= kDataAreaOffset && nPos <= nBlockSize; };
+  if (!IsDataBlockNo(srv.nHeadNo) || !IsDataBlockNo(srv.nTailNo)) return false;
+  if (!isPos(srv.nReadOffset) || !isPos(srv.nWriteOffset)) return false;
+  if (srv.nBlockNumUsed < 1 || srv.nBlockNumUsed > LoadRelaxed(m_fileBlockInfo.nTotalBlockNum))
+    return false;
+  // Head and tail in one block: the read position cannot lie beyond the
+  // write position.
+  if (srv.nHeadNo == srv.nTailNo && srv.nReadOffset > srv.nWriteOffset) return false;
+  return true;
+}
+
 // ---- Open, create, close -------------------------------------------------------
 
 int32 CCacheFile::Init(const char* szVersion, const char* szFileName, int32 nMaxFileSize,
@@ -633,6 +646,17 @@ int32 CCacheFile::LoadSrvsInfo() {
       }
       EntryFromBytes(pEntry, pSrv);
       bool bDrop = pSrv->nHeadNo == kNoBlock || pSrv->nTailNo == kNoBlock;
+      if (!bDrop && !IsQueueInRange(*pSrv)) {
+        // Every record operation indexes a block buffer with the stored
+        // positions: an entry whose queue cannot be walked is dropped here
+        // like an empty one, its blocks left as leaks for the checker.
+        LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_CHAIN,
+                   "damaged srv info dropped: head %d tail %d read offset %d write offset %d "
+                   "blocks %d",
+                   pSrv->nHeadNo, pSrv->nTailNo, pSrv->nReadOffset, pSrv->nWriteOffset,
+                   pSrv->nBlockNumUsed);
+        bDrop = true;
+      }
       if (!bDrop) {
         for (int32 nHead : loadedHeads) {
           if (nHead == pSrv->nHeadNo) {

@@ -127,6 +127,10 @@ class CCacheFile {
   int32 CommitEntry(SrvInfo* pSrvInfo, const SrvInfo& oldState, const char* szMsg,
                     bool* pbOldOnDisk);
   bool IsDataBlockNo(int32 nBlockNo) const;
+  // A non-empty entry's stored chain ends and positions lie where the record
+  // operations can use them (block numbers handed out, positions 4 to the
+  // block size, a count of at least one block).
+  bool IsQueueInRange(const SrvInfo& srv) const;
 
   HANDLE m_hFile;
   int32 m_nMaxFileSize;  // MB

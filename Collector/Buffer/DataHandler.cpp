@@ -106,6 +106,10 @@ bool SendScratch::Reserve(int32 nRecords) {
   return true;
 }
 
+int32 CDataHandler::CheckReceivedBatch(const char* pBatch, int32 nLen, int32* pnFramedLen) {
+  return CheckBatchFrame(pBatch, nLen, pnFramedLen);
+}
+
 // ---- The handler object --------------------------------------------------
 
 CDataHandler::CDataHandler(const char* szIP, uint16 nPort, const char* szBakIP, uint16 nBakPort,

@@ -86,6 +86,10 @@ class CDataHandler {
   int32 Login(char* szUser);
   int32 Disconnect();
   int32 SendRecToSrv(char* pSendBuf, int32 nLenSendBuf);
+  // The data thread's frame check of one received batch (0 and the length
+  // of its framed part, or the decoder's status); a member only so that the
+  // test probe reaches it.
+  static int32 CheckReceivedBatch(const char* pBatch, int32 nLen, int32* pnFramedLen);
   bool IsNeedSaveToFile(int32 nRet, int32* nErrs, int32 nNum);
   // Sleeps nMs milliseconds or until Stop; false when stopped.
   bool PauseUnlessQuit(int32 nMs);
