@@ -16,26 +16,6 @@ using namespace cachefile;
 
 namespace {
 
-// Plain pread, not the platform layer's counted read: the checker must see
-// the file as it is even while a test's fault plan is armed. Bytes past the
-// end of the file read as zeros, as blocks handed out but never written do.
-int32 ReadFull(HANDLE hFile, int64 nOffset, void* pBuf, int32 nLen, int32* pnDone) {
-  char* p = static_cast<char*>(pBuf);
-  int32 nDone = 0;
-  while (nDone < nLen) {
-    ssize_t n = pread(hFile, p + nDone, static_cast<size_t>(nLen - nDone), nOffset + nDone);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
-    if (n == 0) break;
-    nDone += static_cast<int32>(n);
-  }
-  memset(p + nDone, 0, static_cast<size_t>(nLen - nDone));
-  *pnDone = nDone;
-  return 0;
-}
-
 enum BlockOwner : int32 { kOwnerNone = -3, kOwnerSrvInfo = -2, kOwnerIdle = -1 };  // >= 0: entry
 
 class CChecker {
@@ -73,7 +53,7 @@ void CChecker::Add(int32 nKind, const char* szFormat, ...) {
 int32 CChecker::ReadInt32(int64 nOffset, int32* pn) {
   char bytes[4];
   int32 nDone = 0;
-  int32 nRet = ReadFull(m_hFile, nOffset, bytes, 4, &nDone);
+  int32 nRet = cache_file_pread(m_hFile, nOffset, bytes, 4, &nDone);
   if (nRet != 0 && m_nReadStatus == 0) m_nReadStatus = nRet;
   memcpy(pn, bytes, 4);
   return nRet;
@@ -157,7 +137,7 @@ bool CChecker::CheckEntry(int32 nIndex, const SrvInfo& e) {
       int32 nTake = std::min(4 - nHave, nBs - nPos);
       int32 nDone = 0;
       int32 nRet =
-          ReadFull(m_hFile, BlockOffset(chain[nIdx], nBs) + nPos, lenBytes + nHave, nTake, &nDone);
+          cache_file_pread(m_hFile, BlockOffset(chain[nIdx], nBs) + nPos, lenBytes + nHave, nTake, &nDone);
       if (nRet != 0) {
         if (m_nReadStatus == 0) m_nReadStatus = nRet;
         return true;
@@ -220,7 +200,7 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
   }
   char hdr[kHeaderSize];
   int32 nDone = 0;
-  nRet = ReadFull(m_hFile, 0, hdr, kHeaderSize, &nDone);
+  nRet = cache_file_pread(m_hFile, 0, hdr, kHeaderSize, &nDone);
   if (nRet != 0) return nRet;
   int32 nIdleHead, nSrvHead, nSrvTail;
   memcpy(&m_nBlockSize, hdr + kHdrBlockSizeOffset, 4);
@@ -280,7 +260,7 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
       return m_nReadStatus;
     }
     m_vecOwner[static_cast<size_t>(nBlock)] = kOwnerSrvInfo;
-    nRet = ReadFull(m_hFile, BlockOffset(nBlock, nBs), block.data(), nBs, &nDone);
+    nRet = cache_file_pread(m_hFile, BlockOffset(nBlock, nBs), block.data(), nBs, &nDone);
     if (nRet != 0) return nRet;
     int32 nNext, nPrevLink, nCount;
     memcpy(&nNext, block.data() + kSibNextOffset, 4);
@@ -397,4 +377,21 @@ int32 cache_check_count(const std::vector<CacheCheckFinding>& vecFindings, int32
   int32 n = 0;
   for (const CacheCheckFinding& f : vecFindings) n += f.nKind == nKind ? 1 : 0;
   return n;
+}
+
+int32 cache_file_pread(int32 nFd, int64 nOffset, void* pBuf, int32 nLen, int32* pnDone) {
+  char* p = static_cast<char*>(pBuf);
+  int32 nDone = 0;
+  while (nDone < nLen) {
+    ssize_t n = pread(nFd, p + nDone, static_cast<size_t>(nLen - nDone), nOffset + nDone);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (n == 0) break;
+    nDone += static_cast<int32>(n);
+  }
+  memset(p + nDone, 0, static_cast<size_t>(nLen - nDone));
+  if (pnDone != nullptr) *pnDone = nDone;
+  return 0;
 }

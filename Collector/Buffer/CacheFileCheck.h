@@ -55,6 +55,14 @@ struct CacheCheckState {
 // Checks the file at szPath for a configured maximum of nMaxFileSizeMb MB.
 // Returns 0 when the walk ran (the findings tell the result), or the status
 // of an open or read that failed. pStats may be null.
+// Positioned read of nLen bytes with plain pread(2), looping over EINTR and
+// short counts; bytes past the end of the file read as zeros, as blocks
+// handed out but never written do. Not the platform layer's counted read:
+// readers of a closed file (the checker, the inspector) must see the file as
+// it is even while a test's fault plan is armed. *pnDone (may be null): bytes
+// read from the file.
+int32 cache_file_pread(int32 nFd, int64 nOffset, void* pBuf, int32 nLen, int32* pnDone);
+
 int32 cache_file_check(const char* szPath, int32 nMaxFileSizeMb,
                        std::vector<CacheCheckFinding>* pFindings,
                        std::vector<CacheQueueStat>* pStats);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 
+#include "CacheFileCheck.h"
 #include "CacheFileFormat.h"
 
 using namespace cachefile;
@@ -42,19 +43,7 @@ int32 CCacheReader::Open(const char* szPath) {
 }
 
 int32 CCacheReader::ReadAt(int64 nOffset, void* pBuf, int32 nLen) {
-  char* p = static_cast<char*>(pBuf);
-  int32 nDone = 0;
-  while (nDone < nLen) {
-    ssize_t n = pread(m_nFd, p + nDone, static_cast<size_t>(nLen - nDone), nOffset + nDone);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return errno;
-    }
-    if (n == 0) break;
-    nDone += static_cast<int32>(n);
-  }
-  memset(p + nDone, 0, static_cast<size_t>(nLen - nDone));
-  return 0;
+  return cache_file_pread(m_nFd, nOffset, pBuf, nLen, nullptr);
 }
 
 int32 CCacheReader::LoadHeader(CacheHeaderView* pHeader) {
