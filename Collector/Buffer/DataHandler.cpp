@@ -1,6 +1,5 @@
 #include "DataHandler.h"
 
-#include <math.h>
 #include <stdio.h>
 #include <string.h>
 
