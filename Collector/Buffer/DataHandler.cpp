@@ -266,14 +266,18 @@ int32 CDataHandler::SendRecToSrv(char* pSendBuf, int32 nLenSendBuf) {
   uint32* ids = pScratch->pIds.get();
   ZD3Record* recs = pScratch->pRecs.get();
   int32* errs = pScratch->pErrs.get();
-  memset(recs, 0, sizeof(ZD3Record) * nRecNum);
+
+  // Each record is zeroed, given its own value buffer (nLenBuf preset to the
+  // buffer's size) and decoded in one pass, while its cache line is hot: a
+  // 1 MiB batch holds up to 55,188 records, 3.5 MB of ZD3Record, and one
+  // pass instead of three is what keeps the send path near memory speed.
+  // Records after a fault are never looked at: the call returns before the
+  // server sees any.
   for (int32 i = 0; i < nRecNum; ++i) {
+    memset(&recs[i], 0, sizeof(ZD3Record));
     recs[i].value.strBlob.pBuf = pScratch->pValues.get() + static_cast<size_t>(i) * ZD3_MAX_STRBLOB_LEN;
     recs[i].value.strBlob.nLenBuf = ZD3_MAX_STRBLOB_LEN;
     errs[i] = 0;
-  }
-
-  for (int32 i = 0; i < nRecNum; ++i) {
     nLeft -= 4;
     if (nLeft < 0) return EC_MSG_TOO_SHORT;
     ParseFixStep<uint32>(&pCursor, &ids[i]);
