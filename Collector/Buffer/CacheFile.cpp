@@ -451,29 +451,30 @@ int32 CCacheFile::SaveSrvInfo(uint32 nIP, uint16 nPort, SrvHandle* pHSrvInfo) {
     LOGC_WRITE(m_cat, LL_ERROR, EC_CACHE_BAD_SRV_COUNT, "invalid server count");
     return fail(EC_CACHE_BAD_SRV_COUNT);
   }
-  auto fillNew = [&](int32 nBlockNo, int32 nOrder) {
+  // Fills the new entry for its slot, creates its mutex and writes it;
+  // 0 or the logged failure's status.
+  auto createNew = [&](int32 nBlockNo, int32 nOrder) -> int32 {
     pSrv->nIP = nIP;
     pSrv->nPort = nPort;
     pSrv->nBlockNo = nBlockNo;
     pSrv->nOrderInBlock = nOrder;
     SetEmpty(pSrv);
     pSrv->nIsIPV4 = 1;
+    int32 nStatus = os_mutex_init(&pSrv->mutexSrv);
+    if (nStatus != 0) {
+      pSrv->mutexSrv = nullptr;
+      LOGC_WRITE(m_cat, LL_ERROR, nStatus, "init mutex server failed");
+      return nStatus;
+    }
+    nStatus = SaveSrvInfoToDisk(pSrv);
+    if (nStatus != 0) LOGC_WRITE(m_cat, LL_ERROR, nStatus, "save srv info to disk failed");
+    return nStatus;
   };
   if (kSibHeaderSize + static_cast<int64>(nCount + 1) * kEntrySize <= fb.nBlockSize) {
     // Free slot in the tail block: the entry first, then the count, so an
     // interrupted creation leaves an entry beyond the count, which is ignored.
-    fillNew(nTail, nCount + 1);
-    nRet = os_mutex_init(&pSrv->mutexSrv);
-    if (nRet != 0) {
-      pSrv->mutexSrv = nullptr;
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "init mutex server failed");
-      return fail(nRet);
-    }
-    nRet = SaveSrvInfoToDisk(pSrv);
-    if (nRet != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "save srv info to disk failed");
-      return fail(nRet);
-    }
+    nRet = createNew(nTail, nCount + 1);
+    if (nRet != 0) return fail(nRet);
     PutInt32(countBytes, nCount + 1);
     nRet = WriteAt(BlockOffset(nTail, fb.nBlockSize) + kSibCountOffset, countBytes, 4);
     if (nRet != 0) {
@@ -512,18 +513,8 @@ int32 CCacheFile::SaveSrvInfo(uint32 nIP, uint16 nPort, SrvHandle* pHSrvInfo) {
       LOGC_WRITE(m_cat, LL_ERROR, nRet, "write new srv info block head failed");
       return fail(nRet);
     }
-    fillNew(nNewBlock, 1);
-    nRet = os_mutex_init(&pSrv->mutexSrv);
-    if (nRet != 0) {
-      pSrv->mutexSrv = nullptr;
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "init mutex server failed");
-      return fail(nRet);
-    }
-    nRet = SaveSrvInfoToDisk(pSrv);
-    if (nRet != 0) {
-      LOGC_WRITE(m_cat, LL_ERROR, nRet, "save srv info to disk failed");
-      return fail(nRet);
-    }
+    nRet = createNew(nNewBlock, 1);
+    if (nRet != 0) return fail(nRet);
     {
       CLock lockAlloc(fb.mutexAlockBlock);
       StoreRelaxed(fb.nSrvInfoTailNo, nNewBlock);

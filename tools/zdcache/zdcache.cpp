@@ -490,20 +490,34 @@ std::string ValueText(const ZD3Record& r, bool bCsv) {
   }
 }
 
-int CmdDump(const Options& opt, FILE* pOut, FILE* pErr) {
-  CCacheReader reader;
+// Opens the file for the commands that walk queues: a usable header, then
+// the entries chosen by --server. *pbGoOn is false when the command cannot
+// go on (no file, unusable header, bad --server); otherwise the status is
+// the one to end with (damage when the server-info chain is broken and
+// only the entries before the break were read).
+int OpenEntries(const Options& opt, CCacheReader* pReader, std::vector<CacheEntryView>* pEntries,
+                FILE* pErr, bool* pbGoOn) {
+  *pbGoOn = false;
   CacheHeaderView h{};
   bool bHeaderOk = false;
-  int nExit = OpenFile(opt, &reader, &h, &bHeaderOk, pErr);
+  int nExit = OpenFile(opt, pReader, &h, &bHeaderOk, pErr);
   if (nExit != ZDCACHE_EXIT_OK) return nExit;
   if (!bHeaderOk) {
     fprintf(pErr, "zdcache: %s: the header is unusable (zdcache info shows it)\n",
             opt.vecArgs[0].c_str());
     return ZDCACHE_EXIT_DAMAGE;
   }
+  nExit = SelectEntries(opt, pReader, pEntries, pErr);
+  *pbGoOn = nExit != ZDCACHE_EXIT_USAGE;
+  return nExit;
+}
+
+int CmdDump(const Options& opt, FILE* pOut, FILE* pErr) {
+  CCacheReader reader;
   std::vector<CacheEntryView> entries;
-  nExit = SelectEntries(opt, &reader, &entries, pErr);
-  if (nExit == ZDCACHE_EXIT_USAGE) return nExit;
+  bool bGoOn = false;
+  int nExit = OpenEntries(opt, &reader, &entries, pErr, &bGoOn);
+  if (!bGoOn) return nExit;
   if (opt.bCsv) {
     fprintf(pOut, "server,batch,entry,tag,time,quality,type,value\n");
   } else {
@@ -576,18 +590,10 @@ int CmdDump(const Options& opt, FILE* pOut, FILE* pErr) {
 
 int CmdExport(const Options& opt, FILE* pOut, FILE* pErr) {
   CCacheReader reader;
-  CacheHeaderView h{};
-  bool bHeaderOk = false;
-  int nExit = OpenFile(opt, &reader, &h, &bHeaderOk, pErr);
-  if (nExit != ZDCACHE_EXIT_OK) return nExit;
-  if (!bHeaderOk) {
-    fprintf(pErr, "zdcache: %s: the header is unusable (zdcache info shows it)\n",
-            opt.vecArgs[0].c_str());
-    return ZDCACHE_EXIT_DAMAGE;
-  }
   std::vector<CacheEntryView> entries;
-  nExit = SelectEntries(opt, &reader, &entries, pErr);
-  if (nExit == ZDCACHE_EXIT_USAGE) return nExit;
+  bool bGoOn = false;
+  int nExit = OpenEntries(opt, &reader, &entries, pErr, &bGoOn);
+  if (!bGoOn) return nExit;
   // Never overwrite: OUT might be the cache file itself or an earlier export.
   const char* szOut = opt.vecArgs[1].c_str();
   int nFd = open(szOut, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
