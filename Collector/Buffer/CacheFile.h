@@ -120,6 +120,8 @@ class CCacheFile {
   // Helpers.
   int32 ReadAt(int64 nOffset, void* pBuf, int32 nLen);
   int32 WriteAt(int64 nOffset, const void* pBuf, int32 nLen);
+  int32 ReadSrvInfoBlock(int32 nBlockNo, char* pBlock);
+  int32 WriteSrvInfoBlock(int32 nBlockNo, const char* pBlock);
   int32 AllocIdleBlocks(int32 nCount, int32* pBlockNos, int32* pnGot);
   int32 FreeIdleBlocks(const int32* pBlockNos, int32 nCount);
   int32 WalkSrvInfoChain(std::vector<int32>* pChain);

@@ -6,10 +6,13 @@
 // Prints a table of medians over several runs and the ratios to the raw
 // loop measured in the same run.
 //
-//   cachefile_bench [dir] [runs]      (default: current directory, 5 runs)
+//   cachefile_bench [dir] [runs] [only]
+// (default: current directory, 5 runs, every row). `only` picks one block
+// size and record size, e.g. "4M/64K" or "4K/1M", for profiling one row.
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,6 +38,7 @@ double Median(std::vector<double> v) {
 
 struct Config {
   const char* szBlock;
+  const char* szOnly;  // its name for the `only` argument
   int32 nSizeMb;  // decides the block size: < 40 MB gives 4 KiB blocks
   int32 nRecLen;
   int64 nTotalBytes;  // moved per phase
@@ -146,16 +150,18 @@ Times RunOnce(const Config& c, const std::string& strDir) {
 int main(int argc, char** argv) {
   std::string strDir = argc > 1 ? argv[1] : ".";
   int nRuns = argc > 2 ? atoi(argv[2]) : 5;
+  const char* szOnly = argc > 3 ? argv[3] : nullptr;
   const int64 kMiB = 1024 * 1024;
   const Config configs[] = {
-      {"4 KiB", 39, 1024, 16 * kMiB},    {"4 KiB", 39, 65536, 32 * kMiB},
-      {"4 KiB", 39, 1048576, 32 * kMiB}, {"4 MiB", 400, 1024, 32 * kMiB},
-      {"4 MiB", 400, 65536, 128 * kMiB}, {"4 MiB", 400, 1048576, 128 * kMiB},
+      {"4 KiB", "4K/1K", 39, 1024, 16 * kMiB},     {"4 KiB", "4K/64K", 39, 65536, 32 * kMiB},
+      {"4 KiB", "4K/1M", 39, 1048576, 32 * kMiB},  {"4 MiB", "4M/1K", 400, 1024, 32 * kMiB},
+      {"4 MiB", "4M/64K", 400, 65536, 128 * kMiB}, {"4 MiB", "4M/1M", 400, 1048576, 128 * kMiB},
   };
   printf("cache file vs raw pwrite/pread, MB/s (medians of %d runs), ratio = cache / raw\n", nRuns);
   printf("%-6s %-8s %-7s | %9s %9s %6s | %9s %9s %9s %6s\n", "block", "record", "state", "save",
          "raw wr", "ratio", "read", "read+del", "raw rd", "ratio");
   for (const Config& c : configs) {
+    if (szOnly != nullptr && strcmp(szOnly, c.szOnly) != 0) continue;
     std::vector<Times> runs;
     for (int r = 0; r < nRuns; ++r) runs.push_back(RunOnce(c, strDir));
     const double fMb = static_cast<double>(c.nTotalBytes) / 1e6;
