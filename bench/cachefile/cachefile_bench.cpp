@@ -1,10 +1,17 @@
-// Throughput of SaveRecord, ReadCurRecord and DelCurRecord against a raw
-// pwrite/pread loop that moves the same bytes, in the same directory, in the
+// Throughput of SaveRecord, ReadCurRecord and DelCurRecord against two raw
+// pwrite/pread loops, one call per record, in the same directory and the
 // same file state:
 //   fresh  - a new file that grows as it is written;
 //   reused - blocks (or file bytes) already written once and overwritten.
-// Prints a table of medians over several runs and the ratios to the raw
-// loop measured in the same run.
+// The two raw loops:
+//   aligned - the records alone, back to back: every 64 KiB record starts
+//             on a page;
+//   stream  - what the cache file holds, each record behind its 4-byte
+//             length, back to back: records start 4 bytes further each time,
+//             as in the cache file's blocks.
+// The page cache is faster with the first (larger folios); the second
+// isolates what the cache file's own code costs. Prints a table of medians
+// over several runs and the ratios to the raw loops measured in the same run.
 //
 //   cachefile_bench [dir] [runs] [only]
 // (default: current directory, 5 runs, every row). `only` picks one block
@@ -39,17 +46,22 @@ double Median(std::vector<double> v) {
 struct Config {
   const char* szBlock;
   const char* szOnly;  // its name for the `only` argument
-  int32 nSizeMb;  // decides the block size: < 40 MB gives 4 KiB blocks
+  int32 nSizeMb;       // decides the block size: < 40 MB gives 4 KiB blocks
   int32 nRecLen;
   int64 nTotalBytes;  // moved per phase
 };
 
-struct Times {
-  double fSaveFresh, fReadFresh, fDelFresh, fSaveReused, fReadReused, fDelReused;
-  double fRawWriteFresh, fRawReadFresh, fRawWriteReused, fRawReadReused;
+// One raw loop's times: [state][0 = aligned, 1 = stream].
+struct RawTimes {
+  double fWrite, fRead;
 };
 
-// The raw baseline: one pwrite or pread per record at increasing offsets.
+struct Times {
+  double fSaveFresh, fReadFresh, fDelFresh, fSaveReused, fReadReused, fDelReused;
+  RawTimes raw[2][2];
+};
+
+// One pwrite or pread of `rec` per record at increasing offsets.
 double RawWrite(int fd, const std::vector<char>& rec, int64 nCount) {
   auto t0 = Clock::now();
   for (int64 i = 0; i < nCount; ++i) {
@@ -73,6 +85,28 @@ double RawRead(int fd, std::vector<char>* pBuf, int64 nCount) {
     }
   }
   return Seconds(t0, Clock::now());
+}
+
+// Both raw loops, fresh then reused, each on a file of its own.
+void RunRaw(const std::string& strDir, const std::vector<char>& rec, int64 nCount,
+            RawTimes (*pRaw)[2]) {
+  std::vector<char> stream(rec.size() + 4);
+  const int32 nLen = static_cast<int32>(rec.size());
+  memcpy(stream.data(), &nLen, 4);
+  memcpy(stream.data() + 4, rec.data(), rec.size());
+  for (int nLayout = 0; nLayout < 2; ++nLayout) {
+    const std::vector<char>& bytes = nLayout == 0 ? rec : stream;
+    std::string strRaw = strDir + (nLayout == 0 ? "/bench_raw.bin" : "/bench_stream.bin");
+    int fd = open(strRaw.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) exit(1);
+    std::vector<char> buf(bytes.size());
+    for (int nState = 0; nState < 2; ++nState) {
+      pRaw[nState][nLayout].fWrite = RawWrite(fd, bytes, nCount);
+      pRaw[nState][nLayout].fRead = RawRead(fd, &buf, nCount);
+    }
+    close(fd);
+    unlink(strRaw.c_str());
+  }
 }
 
 bool RunCache(CCacheFile* pCache, SrvHandle h, std::vector<char>* pRec, int64 nCount,
@@ -105,12 +139,12 @@ bool RunCache(CCacheFile* pCache, SrvHandle h, std::vector<char>* pRec, int64 nC
 Times RunOnce(const Config& c, const std::string& strDir) {
   Times t{};
   std::string strCache = strDir + "/bench_cache.buf";
-  std::string strRaw = strDir + "/bench_raw.bin";
   unlink(strCache.c_str());
-  unlink(strRaw.c_str());
   std::vector<char> rec(static_cast<size_t>(c.nRecLen));
   for (size_t i = 0; i < rec.size(); ++i) rec[i] = static_cast<char>(i * 131 + 7);
   const int64 nCount = c.nTotalBytes / c.nRecLen;
+
+  RunRaw(strDir, rec, nCount, t.raw);
 
   CCacheFile cache;
   std::list<SrvInfo*> list;
@@ -120,28 +154,14 @@ Times RunOnce(const Config& c, const std::string& strDir) {
   }
   SrvHandle h = nullptr;
   if (cache.SaveSrvInfo(0x0100007f, 1, &h) != 0) exit(1);
-  int fd = open(strRaw.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) exit(1);
-  std::vector<char> buf(rec.size());
-
-  // Fresh: both files grow.
-  t.fRawWriteFresh = RawWrite(fd, rec, nCount);
-  t.fRawReadFresh = RawRead(fd, &buf, nCount);
-  if (!RunCache(&cache, h, &rec, nCount, &t.fSaveFresh, &t.fReadFresh, &t.fDelFresh)) {
+  // Fresh: the file grows. Reused: the blocks are idle now and taken again.
+  if (!RunCache(&cache, h, &rec, nCount, &t.fSaveFresh, &t.fReadFresh, &t.fDelFresh) ||
+      !RunCache(&cache, h, &rec, nCount, &t.fSaveReused, &t.fReadReused, &t.fDelReused)) {
     fprintf(stderr, "cache run failed\n");
     exit(1);
   }
-  // Reused: the blocks are idle now and the raw file is overwritten.
-  t.fRawWriteReused = RawWrite(fd, rec, nCount);
-  t.fRawReadReused = RawRead(fd, &buf, nCount);
-  if (!RunCache(&cache, h, &rec, nCount, &t.fSaveReused, &t.fReadReused, &t.fDelReused)) {
-    fprintf(stderr, "cache run failed\n");
-    exit(1);
-  }
-  close(fd);
   cache.Release();
   unlink(strCache.c_str());
-  unlink(strRaw.c_str());
   return t;
 }
 
@@ -157,36 +177,46 @@ int main(int argc, char** argv) {
       {"4 KiB", "4K/1M", 39, 1048576, 32 * kMiB},  {"4 MiB", "4M/1K", 400, 1024, 32 * kMiB},
       {"4 MiB", "4M/64K", 400, 65536, 128 * kMiB}, {"4 MiB", "4M/1M", 400, 1048576, 128 * kMiB},
   };
-  printf("cache file vs raw pwrite/pread, MB/s (medians of %d runs), ratio = cache / raw\n", nRuns);
-  printf("%-6s %-8s %-7s | %9s %9s %6s | %9s %9s %9s %6s\n", "block", "record", "state", "save",
-         "raw wr", "ratio", "read", "read+del", "raw rd", "ratio");
+  printf("cache file vs raw pwrite/pread loops, MB/s of records (medians of %d runs)\n", nRuns);
+  printf("aligned = the records alone, back to back; stream = each behind its 4-byte length\n");
+  printf("%-6s %-7s %-7s | %6s %7s %5s %7s %5s | %6s %8s %7s %5s %7s %5s\n", "block", "record",
+         "state", "save", "aligned", "ratio", "stream", "ratio", "read", "read+del", "aligned",
+         "ratio", "stream", "ratio");
   for (const Config& c : configs) {
     if (szOnly != nullptr && strcmp(szOnly, c.szOnly) != 0) continue;
     std::vector<Times> runs;
     for (int r = 0; r < nRuns; ++r) runs.push_back(RunOnce(c, strDir));
     const double fMb = static_cast<double>(c.nTotalBytes) / 1e6;
     for (int nState = 0; nState < 2; ++nState) {
-      std::vector<double> save, rawWr, read, readDel, rawRd, ratioWr, ratioRd;
+      // Rates and ratios per run, then medians of each column.
+      std::vector<double> col[11];
       for (const Times& t : runs) {
-        double s = nState == 0 ? t.fSaveFresh : t.fSaveReused;
-        double rw = nState == 0 ? t.fRawWriteFresh : t.fRawWriteReused;
-        double rd = nState == 0 ? t.fReadFresh : t.fReadReused;
-        double dl = nState == 0 ? t.fDelFresh : t.fDelReused;
-        double rr = nState == 0 ? t.fRawReadFresh : t.fRawReadReused;
-        save.push_back(fMb / s);
-        rawWr.push_back(fMb / rw);
-        read.push_back(fMb / rd);
-        readDel.push_back(fMb / (rd + dl));
-        rawRd.push_back(fMb / rr);
-        ratioWr.push_back(rw / s);
-        ratioRd.push_back(rr / (rd + dl));
+        const double s = nState == 0 ? t.fSaveFresh : t.fSaveReused;
+        const double rd = nState == 0 ? t.fReadFresh : t.fReadReused;
+        const double rdDel = rd + (nState == 0 ? t.fDelFresh : t.fDelReused);
+        const RawTimes& aligned = t.raw[nState][0];
+        const RawTimes& stream = t.raw[nState][1];
+        const double v[11] = {fMb / s,
+                              fMb / aligned.fWrite,
+                              aligned.fWrite / s,
+                              fMb / stream.fWrite,
+                              stream.fWrite / s,
+                              fMb / rd,
+                              fMb / rdDel,
+                              fMb / aligned.fRead,
+                              aligned.fRead / rdDel,
+                              fMb / stream.fRead,
+                              stream.fRead / rdDel};
+        for (int k = 0; k < 11; ++k) col[k].push_back(v[k]);
       }
       char szRec[16];
       snprintf(szRec, sizeof(szRec), c.nRecLen >= 1048576 ? "%d MiB" : "%d KiB",
                c.nRecLen >= 1048576 ? c.nRecLen / 1048576 : c.nRecLen / 1024);
-      printf("%-6s %-8s %-7s | %9.0f %9.0f %6.2f | %9.0f %9.0f %9.0f %6.2f\n", c.szBlock, szRec,
-             nState == 0 ? "fresh" : "reused", Median(save), Median(rawWr), Median(ratioWr),
-             Median(read), Median(readDel), Median(rawRd), Median(ratioRd));
+      printf(
+          "%-6s %-7s %-7s | %6.0f %7.0f %5.2f %7.0f %5.2f | %6.0f %8.0f %7.0f %5.2f %7.0f %5.2f\n",
+          c.szBlock, szRec, nState == 0 ? "fresh" : "reused", Median(col[0]), Median(col[1]),
+          Median(col[2]), Median(col[3]), Median(col[4]), Median(col[5]), Median(col[6]),
+          Median(col[7]), Median(col[8]), Median(col[9]), Median(col[10]));
       fflush(stdout);
     }
   }
