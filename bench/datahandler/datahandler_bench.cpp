@@ -83,6 +83,7 @@ struct SOptions {
   int64 nRecords = 16000000;     // per forwarding or direct run
   int64 nDrainRecords = 4000000; // per outage (88 MB of cache file)
   std::string strDir = "/tmp";
+  std::string strOnly;  // "direct", "forward" or "drain": one row kind, for profiling
 };
 
 // Child: attaches to the instance and writes nRecords int32 records in 64 KiB
@@ -303,8 +304,12 @@ int main(int argc, char** argv) {
     else if (k == "--records") opt.nRecords = atoll(argv[i + 1]);
     else if (k == "--drain-records") opt.nDrainRecords = atoll(argv[i + 1]);
     else if (k == "--dir") opt.strDir = argv[i + 1];
+    else if (k == "--only") opt.strOnly = argv[i + 1];
     else {
-      fprintf(stderr, "usage: %s [--runs 5] [--records 16000000] [--drain-records 4000000] [--dir /tmp]\n", argv[0]);
+      fprintf(stderr,
+              "usage: %s [--runs 5] [--records 16000000] [--drain-records 4000000] [--dir /tmp]\n"
+              "          [--only direct|forward|drain]\n",
+              argv[0]);
       return 2;
     }
   }
@@ -321,15 +326,17 @@ int main(int argc, char** argv) {
   std::vector<double> vCpuSelf[3], vCpuChild[3];  // direct, direct 1 MiB, forward
   for (int r = 0; r < opt.nRuns; ++r) {
     SCpu cpu[3];
-    vDirect.push_back(bench.Direct(nPerBatch, &cpu[0]));
-    vFwd.push_back(bench.Forward(&cpu[2]));
-    vDirect1M.push_back(bench.Direct(47662, &cpu[1]));  // as many as one 1 MiB send buffer holds
+    auto wanted = [&](const char* szKind) { return opt.strOnly.empty() || opt.strOnly == szKind; };
+    vDirect.push_back(wanted("direct") ? bench.Direct(nPerBatch, &cpu[0]) : 0);
+    vFwd.push_back(wanted("forward") ? bench.Forward(&cpu[2]) : 0);
+    // As many records a call as one 1 MiB send buffer holds.
+    vDirect1M.push_back(wanted("direct") ? bench.Direct(47662, &cpu[1]) : 0);
     for (int k = 0; k < 3; ++k) {
       vCpuSelf[k].push_back(cpu[k].fSelf);
       vCpuChild[k].push_back(cpu[k].fChild);
     }
     double fFill = 0;
-    vDrain.push_back(bench.Drain(&fFill));
+    vDrain.push_back(wanted("drain") ? bench.Drain(&fFill) : 0);
     vFill.push_back(fFill);
     fprintf(stderr, "run %d: direct %.0f fwd %.0f direct1M %.0f drain %.0f fill %.0f\n", r + 1,
             vDirect.back(), vFwd.back(), vDirect1M.back(), vDrain.back(), vFill.back());

@@ -237,6 +237,47 @@ TEST_F(OrloClientTest, LargeBatchArrivesWholeAndInOrder) {
   EXPECT_EQ(2, rows[40000].nCall);  // one transaction per save call
 }
 
+// Room is taken for fixed-size records up front and grown for long strings
+// as they come: the growth must keep what was encoded before it.
+TEST_F(OrloClientTest, LongStringsLateInAFirstLargeCallKeepTheRecordsBeforeThem) {
+  StartServer();
+  ConnectToServer();
+  const int32 n = 3000;
+  std::vector<std::string> texts;
+  std::vector<uint32> ids(n);
+  std::vector<ZD3Record> recs(n);
+  for (int32 i = 0; i < n; ++i) {
+    ids[i] = 1 + i % 7;
+    recs[i] = make_int32(1700000000 + i, i);
+    if (i >= 2000 && i % 10 == 0) {
+      texts.emplace_back(1000, static_cast<char>('a' + i % 26));
+      recs[i].nTagType = ZD3_TAG_TYPE_STRING;
+      recs[i].value.strBlob = {texts.back().data(), 1000};
+    }
+  }
+  std::vector<int32> errs(n, -1);
+  ASSERT_EQ(0, sn3_save_tags_disorder_snapshots(n, ids.data(), recs.data(), errs.data()));
+  const std::vector<SStoredRow> rows = Rows();
+  ASSERT_EQ(static_cast<size_t>(n), rows.size());
+  for (int32 i = 0; i < n; ++i) {
+    SCOPED_TRACE(i);
+    ASSERT_EQ(ids[i], rows[i].nTag);
+    if (recs[i].nTagType == ZD3_TAG_TYPE_STRING) {
+      ASSERT_EQ(std::string(1000, static_cast<char>('a' + i % 26)), rows[i].strBytes);
+    } else {
+      ASSERT_EQ(i, rows[i].nInt);
+    }
+  }
+  // An invalid record after thousands of good ones still refuses the call
+  // before anything is sent.
+  const uint64 nSaves = m_server.Stats().nSaves;
+  const int32 nBadType = 9;
+  std::memcpy(&recs[n - 1].nTagType, &nBadType, 4);
+  EXPECT_EQ(ZD3_E_INVALID_ARG,
+            sn3_save_tags_disorder_snapshots(n, ids.data(), recs.data(), errs.data()));
+  EXPECT_EQ(nSaves, m_server.Stats().nSaves);
+}
+
 TEST_F(OrloClientTest, BadRecordsAreRefusedBeforeSending) {
   StartServer();
   ConnectToServer();
