@@ -70,7 +70,7 @@ int32 CheckBatchFrame(const char* pBatch, int32 nLen, int32* pnFramedLen) {
     unpack_value(pBatch + nPos + 4, &nLenRecord, sizeof(nLenRecord), false);
     nPos += kEntryHeadSize;
     if (nLen - nPos < nLenRecord) return EC_MSG_TOO_SHORT;
-    int32 nRet = buffer_proto_check_record(pBatch + nPos, nLenRecord);
+    int32 nRet = buffer_proto::CheckRecord(pBatch + nPos, nLenRecord);
     if (nRet != 0) return nRet;
     nPos += nLenRecord;
   }
@@ -287,7 +287,7 @@ int32 CDataHandler::SendRecToSrv(char* pSendBuf, int32 nLenSendBuf) {
     ParseFixStep<uint16>(&pCursor, &nLenRecord);
     nLeft -= nLenRecord;
     if (nLeft < 0) return EC_MSG_TOO_SHORT;
-    int32 nRet = buffer_proto_parse_buffer_to_zdrecord(&recs[i], pCursor, nLenRecord);
+    int32 nRet = buffer_proto::ParseRecord(&recs[i], pCursor, nLenRecord);
     if (nRet != 0) return nRet;
     pCursor += nLenRecord;
   }
