@@ -18,7 +18,6 @@ constexpr int32 kConnectDelayMs = 500;       // before the first connection atte
 constexpr int32 kRetryPauseMs = 2000;        // between connection or log-in attempts
 constexpr int32 kCacheRetryPauseMs = 1000;   // after a failed delivery from the cache file
 constexpr float64 kFlowControlThreshold = 0.3;
-constexpr int64 kCountersPeriodMs = 60000;   // how often the counters line is logged
 constexpr int32 kBatchHeadSize = BUFFER_BATCH_HEAD_LEN;  // uint16 record count
 constexpr int32 kEntryHeadSize = BUFFER_ENTRY_HEAD_LEN;  // uint32 tag id + uint16 record length
 
@@ -81,6 +80,7 @@ int32 CheckBatchFrame(const char* pBatch, int32 nLen, int32* pnFramedLen) {
 }  // namespace
 
 std::atomic<bool> CDataHandler::m_bQuit{false};
+std::atomic<int32> CDataHandler::m_nCountersPeriodMs{60000};
 ProcCommHandle* CDataHandler::m_pProcCommHandle = nullptr;
 CCacheFile* CDataHandler::m_pCacheFile = nullptr;
 LOGC_CATEGORY CDataHandler::m_cat = nullptr;
@@ -418,7 +418,7 @@ int32 CDataHandler::CDataThread::Run() {
   }
   m_p->m_pScratch = &m_scratch;
   ut3_set_request_timeout(m_p->m_nSendTimeout);
-  m_nNextCountersMs = GetCurrentTimeMs() + kCountersPeriodMs;
+  m_nNextCountersMs = GetCurrentTimeMs() + m_nCountersPeriodMs.load();
 
   Turn turn = Turn::kNext;
   while (turn == Turn::kNext) {
@@ -658,7 +658,7 @@ void CDataHandler::CDataThread::EmptySendBuffer(bool bStored) {
 void CDataHandler::CDataThread::MaybeLogCounters() {
   int64 nNow = GetCurrentTimeMs();
   if (nNow < m_nNextCountersMs) return;
-  m_nNextCountersMs = nNow + kCountersPeriodMs;
+  m_nNextCountersMs = nNow + m_nCountersPeriodMs.load();
   LogCounters("since start");
 }
 

@@ -108,6 +108,8 @@ class CDataHandler {
   SendScratch* m_pScratch;   // the thread's decode storage; set while it runs
 
   static std::atomic<bool> m_bQuit;
+  // How often the thread logs its counters line: a minute (tests shorten it).
+  static std::atomic<int32> m_nCountersPeriodMs;
   static ProcCommHandle* m_pProcCommHandle;
   static CCacheFile* m_pCacheFile;
   static LOGC_CATEGORY m_cat;

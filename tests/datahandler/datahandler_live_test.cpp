@@ -28,6 +28,29 @@ TEST_F(LiveTest, LoneBatchIsDeliveredAtTheReceiveTimeout) {
   EXPECT_FALSE(CacheHasRecord());
 }
 
+// The counters line comes every period (a minute in service; shortened
+// here) with the totals since start, and once more at stop.
+TEST_F(LiveTest, CountersLineIsLoggedEveryPeriodWithTheTotalsSinceStart) {
+  CDataHandlerProbe::SetCountersPeriodMs(150);
+  StartServer();
+  ASSERT_EQ(0, StartHandler(30));
+  Send(make_int32_batch(1, 1, 5));
+  ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == 5; }, 3000));
+  ASSERT_TRUE(wait_for(
+      [&] { return logc_capture_has(LL_INFO, 0, "counters since start: live 1 batches/5 records"); },
+      2000));
+  Send(make_int32_batch(1, 6, 3));
+  ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == 8; }, 3000));
+  ASSERT_TRUE(wait_for(
+      [&] { return logc_capture_has(LL_INFO, 0, "counters since start: live 2 batches/8 records"); },
+      2000));
+  StopHandler();
+  EXPECT_TRUE(logc_capture_has(LL_INFO, 0,
+                               "counters at stop: live 2 batches/8 records, stored 0/0, drained 0/0, "
+                               "malformed 0/0, refused 0/0, lost 0/0"));
+  CDataHandlerProbe::SetCountersPeriodMs(60000);
+}
+
 TEST_F(LiveTest, BatchesWithinOneSendPeriodAreJoinedIntoOneCall) {
   StartServer();
   ASSERT_EQ(0, StartHandler(400));

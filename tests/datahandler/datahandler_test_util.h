@@ -38,6 +38,7 @@ struct CDataHandlerProbe {
     return std::string(h.m_szPassWord, strnlen(h.m_szPassWord, sizeof(h.m_szPassWord)));
   }
   static char LastUserByte(const CDataHandler& h) { return h.m_szUser[sizeof(h.m_szUser) - 1]; }
+  static void SetCountersPeriodMs(int32 nMs) { CDataHandler::m_nCountersPeriodMs.store(nMs); }
   static char LastPassWordByte(const CDataHandler& h) {
     return h.m_szPassWord[sizeof(h.m_szPassWord) - 1];
   }
