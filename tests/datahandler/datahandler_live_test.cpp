@@ -223,16 +223,7 @@ TEST_F(LiveTest, ShortSharedMemorySwitchesToDrainMode) {
   ASSERT_EQ(0, StartHandler(30));
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "Connect 0"); }, 3000));
 
-  int32 nOther = 0;
-  ProcCommQueueHandle hOther = nullptr;
-  ASSERT_EQ(0, proccomm_get_unused_queueid(m_hPc, &nOther));
-  ASSERT_EQ(0, proccomm_reg(m_hPc, nOther, &hOther));
-  std::vector<char> big(1048576, 'z');
-  int nSent = 0;
-  while (proccomm_get_unused_block_percent(m_hPc) >= 0.3) {
-    ASSERT_EQ(0, proccomm_send(hOther, big.data(), static_cast<int32>(big.size())));
-    ++nSent;
-  }
+  ASSERT_NO_FATAL_FAILURE(FillPool());
   Send(make_int32_batch(1, 1, 5));
   Send(make_int32_batch(1, 6, 5));
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "proccomm has not enough space"); },
@@ -241,17 +232,12 @@ TEST_F(LiveTest, ShortSharedMemorySwitchesToDrainMode) {
   EXPECT_EQ(0u, m_srv.Stats().nSaves);
 
   // Room again: the send buffer gathered while draining goes out in one call.
-  std::vector<char> buf(1048576);
-  for (int i = 0; i < nSent; ++i) {
-    int32 nLen = static_cast<int32>(buf.size());
-    ASSERT_EQ(0, proccomm_recv(hOther, buf.data(), &nLen, 0, 0));
-  }
+  ASSERT_NO_FATAL_FAILURE(EmptyPool());
   ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == 10; }, 3000));
   EXPECT_EQ(1u, m_srv.Stats().nSaves);
   std::vector<int64> v = stored_values(Rows(), 1);
   ASSERT_EQ(10u, v.size());
   for (size_t i = 0; i < v.size(); ++i) EXPECT_EQ(static_cast<int64>(i) + 1, v[i]);
-  proccomm_unreg(m_hPc, nOther, hOther);
 }
 
 // While memory is short, a send buffer that would overflow goes to the cache
@@ -262,16 +248,7 @@ TEST_F(LiveTest, ShortSharedMemoryStoresOverflowInTheCacheFile) {
   ASSERT_EQ(0, StartHandler(30));
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "Connect 0"); }, 3000));
 
-  int32 nOther = 0;
-  ProcCommQueueHandle hOther = nullptr;
-  ASSERT_EQ(0, proccomm_get_unused_queueid(m_hPc, &nOther));
-  ASSERT_EQ(0, proccomm_reg(m_hPc, nOther, &hOther));
-  std::vector<char> big(1048576, 'z');
-  int nSent = 0;
-  while (proccomm_get_unused_block_percent(m_hPc) >= 0.3) {
-    ASSERT_EQ(0, proccomm_send(hOther, big.data(), static_cast<int32>(big.size())));
-    ++nSent;
-  }
+  ASSERT_NO_FATAL_FAILURE(FillPool());
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "proccomm has not enough space"); },
                        2000));
   // Three batches of 400,000 bytes: the third would overflow the send buffer.
@@ -285,18 +262,13 @@ TEST_F(LiveTest, ShortSharedMemoryStoresOverflowInTheCacheFile) {
   std::this_thread::sleep_for(std::chrono::milliseconds(150));
   EXPECT_EQ(1u, m_srv.Stats().nSaves);
 
-  std::vector<char> buf(1048576);
-  for (int i = 0; i < nSent; ++i) {
-    int32 nLen = static_cast<int32>(buf.size());
-    ASSERT_EQ(0, proccomm_recv(hOther, buf.data(), &nLen, 0, 0));
-  }
+  ASSERT_NO_FATAL_FAILURE(EmptyPool());
   uint64 nAll = batch_count(a) + batch_count(b) + batch_count(c);
   ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == nAll; }, 3000));
   EXPECT_EQ(2u, m_srv.Stats().nSaves);
   std::vector<SStoredRow> rows = Rows();
   ASSERT_EQ(nAll, rows.size());
   for (const SStoredRow& r : rows) EXPECT_EQ(r.nTag == 3 ? 2 : 1, r.nCall) << r.nTag;
-  proccomm_unreg(m_hPc, nOther, hOther);
 }
 
 // In drain mode the send buffer and a new batch of exactly 1,048,576 bytes
@@ -305,16 +277,7 @@ TEST_F(LiveTest, DrainModeOneMebibyteBoundary) {
   StartServer();
   ASSERT_EQ(0, StartHandler(30));
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "Connect 0"); }, 3000));
-  int32 nOther = 0;
-  ProcCommQueueHandle hOther = nullptr;
-  ASSERT_EQ(0, proccomm_get_unused_queueid(m_hPc, &nOther));
-  ASSERT_EQ(0, proccomm_reg(m_hPc, nOther, &hOther));
-  std::vector<char> big(1048576, 'z');
-  int nSent = 0;
-  while (proccomm_get_unused_block_percent(m_hPc) >= 0.3) {
-    ASSERT_EQ(0, proccomm_send(hOther, big.data(), static_cast<int32>(big.size())));
-    ++nSent;
-  }
+  ASSERT_NO_FATAL_FAILURE(FillPool());
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "proccomm has not enough space"); },
                        2000));
   std::vector<char> a = make_blob_batch(1, 600000), b = make_blob_batch(2, 1048576 - 600000);
@@ -328,15 +291,10 @@ TEST_F(LiveTest, DrainModeOneMebibyteBoundary) {
   ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nSaves == 1 && !CacheHasRecord(); }, 3000));
   EXPECT_TRUE(logc_capture_has(LL_TRACE, 0, "save 1048574 bytes to cache file"));
 
-  std::vector<char> buf(1048576);
-  for (int i = 0; i < nSent; ++i) {
-    int32 nLen = static_cast<int32>(buf.size());
-    ASSERT_EQ(0, proccomm_recv(hOther, buf.data(), &nLen, 0, 0));
-  }
+  ASSERT_NO_FATAL_FAILURE(EmptyPool());
   uint64 nAll = batch_count(a) + batch_count(b) + 1;
   ASSERT_TRUE(wait_for([&] { return m_srv.Stats().nStored == nAll; }, 3000));
   EXPECT_EQ(2u, m_srv.Stats().nSaves);
-  proccomm_unreg(m_hPc, nOther, hOther);
 }
 
 }  // namespace

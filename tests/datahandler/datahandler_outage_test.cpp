@@ -69,15 +69,7 @@ TEST_F(OutageTest, RefusingServerMidStreamLosesNothingAndKeepsOrder) {
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "Connect 0"); }, 3000));
   constexpr int32 kBatches = 300, kPerBatch = 500;
   std::atomic<int32> nSent{0};
-  std::thread sender([&] {
-    for (int32 i = 0; i < kBatches; ++i) {
-      std::vector<char> v = make_int32_batch(1, 1 + i * kPerBatch, kPerBatch);
-      while (proccomm_send(m_hSend, v.data(), static_cast<int32>(v.size())) != 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      nSent = i + 1;
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-  });
+  std::thread sender = SendStream(kBatches, kPerBatch, 2, &nSent);
   ASSERT_TRUE(wait_for([&] { return nSent >= 60; }, 5000));
   Control("close-every 1");
   Control("refuse-connections on");
@@ -104,15 +96,7 @@ TEST_F(OutageTest, ServerRestartMidStreamLosesNothing) {
   ASSERT_TRUE(wait_for([&] { return logc_capture_has(LL_INFO, 0, "Connect 0"); }, 3000));
   constexpr int32 kBatches = 200, kPerBatch = 200;
   std::atomic<int32> nSent{0};
-  std::thread sender([&] {
-    for (int32 i = 0; i < kBatches; ++i) {
-      std::vector<char> v = make_int32_batch(1, 1 + i * kPerBatch, kPerBatch);
-      while (proccomm_send(m_hSend, v.data(), static_cast<int32>(v.size())) != 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      nSent = i + 1;
-      std::this_thread::sleep_for(std::chrono::milliseconds(3));
-    }
-  });
+  std::thread sender = SendStream(kBatches, kPerBatch, 3, &nSent);
   ASSERT_TRUE(wait_for([&] { return nSent >= 50; }, 5000));
   StopServer();
   EXPECT_TRUE(wait_for([&] { return CacheHasRecord(); }, 3000));

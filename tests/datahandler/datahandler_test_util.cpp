@@ -100,6 +100,7 @@ void DataHandlerTest::TearDown() {
   m_srv.Stop();
   m_cache.Release();
   if (m_hSend != nullptr) proccomm_unreg(m_hPc, m_nQueueID, m_hSend);
+  if (m_hFill != nullptr) proccomm_unreg(m_hPc, m_nFillQueueID, m_hFill);
   if (m_hPc != nullptr) proccomm_release(m_hPc);
   m_pDir.reset();
   logc_finish();
@@ -130,6 +131,37 @@ void DataHandlerTest::StopHandler() {
 
 void DataHandlerTest::Send(const std::vector<char>& v) {
   ASSERT_EQ(0, proccomm_send(m_hSend, v.data(), static_cast<int32>(v.size())));
+}
+
+std::thread DataHandlerTest::SendStream(int32 nBatches, int32 nPerBatch, int32 nPauseMs,
+                                        std::atomic<int32>* pnSent) {
+  return std::thread([=, this] {
+    for (int32 i = 0; i < nBatches; ++i) {
+      std::vector<char> v = make_int32_batch(1, 1 + i * nPerBatch, nPerBatch);
+      while (proccomm_send(m_hSend, v.data(), static_cast<int32>(v.size())) != 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      *pnSent = i + 1;
+      std::this_thread::sleep_for(std::chrono::milliseconds(nPauseMs));
+    }
+  });
+}
+
+void DataHandlerTest::FillPool() {
+  ASSERT_EQ(0, proccomm_get_unused_queueid(m_hPc, &m_nFillQueueID));
+  ASSERT_EQ(0, proccomm_reg(m_hPc, m_nFillQueueID, &m_hFill));
+  std::vector<char> big(1048576, 'z');
+  while (proccomm_get_unused_block_percent(m_hPc) >= 0.3) {
+    ASSERT_EQ(0, proccomm_send(m_hFill, big.data(), static_cast<int32>(big.size())));
+    ++m_nFilled;
+  }
+}
+
+void DataHandlerTest::EmptyPool() {
+  std::vector<char> buf(1048576);
+  for (; m_nFilled > 0; --m_nFilled) {
+    int32 nLen = static_cast<int32>(buf.size());
+    ASSERT_EQ(0, proccomm_recv(m_hFill, buf.data(), &nLen, 0, 0));
+  }
 }
 
 SrvHandle DataHandlerTest::Entry() {

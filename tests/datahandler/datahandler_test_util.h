@@ -7,11 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "CacheFile.h"
@@ -74,6 +76,14 @@ class DataHandlerTest : public ::testing::Test {
   void StopHandler();
 
   void Send(const std::vector<char>& v);
+  // Sends nBatches batches of nPerBatch int32 values 1, 2, 3 ... on tag 1
+  // from a thread of its own, nPauseMs apart, waiting while the pool is full;
+  // *pnSent counts the batches sent.
+  std::thread SendStream(int32 nBatches, int32 nPerBatch, int32 nPauseMs, std::atomic<int32>* pnSent);
+  // Flow control: fills the pool through a queue of its own until less than
+  // 30% of it is free, and takes those messages back out again.
+  void FillPool();
+  void EmptyPool();
   // The first server entry of the cache file (the one the handler uses).
   SrvHandle Entry();
   bool CacheHasRecord() { return m_cache.HasRecord(Entry()); }
@@ -84,6 +94,9 @@ class DataHandlerTest : public ::testing::Test {
   ProcCommHandle m_hPc = nullptr;
   int32 m_nQueueID = 0;
   ProcCommQueueHandle m_hSend = nullptr;
+  int32 m_nFillQueueID = 0;
+  ProcCommQueueHandle m_hFill = nullptr;  // FillPool's queue, while it holds messages
+  int32 m_nFilled = 0;
   std::unique_ptr<CScratchDir> m_pDir;
   std::string m_strCache;
   std::string m_strDb;
