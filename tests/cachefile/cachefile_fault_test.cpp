@@ -163,6 +163,13 @@ class FaultTest : public CacheFileTest {
     r.nRet = Save(h[nIP], r.rec.nId, nLen);
     return r;
   }
+  OpResult DelOp(std::map<uint32, SrvHandle>& h, uint32 nIP) {
+    OpResult r;
+    r.bDel = true;
+    r.nIP = nIP;
+    r.nRet = m_cache.DelCurRecord(h[nIP]);
+    return r;
+  }
 
   int32 m_nMb = 1;
   std::string m_strTemplate;
@@ -218,13 +225,7 @@ TEST_F(FaultTest, DeleteOfARecordSpanningBlocks) {
   SaveT(h, 4090);
   SaveT(h, 30);
   SaveTemplate();
-  Sweep([&](auto& hs) {
-    OpResult r;
-    r.bDel = true;
-    r.nIP = 7;
-    r.nRet = m_cache.DelCurRecord(hs[7]);
-    return r;
-  });
+  Sweep([&](auto& hs) { return DelOp(hs, 7); });
 }
 
 TEST_F(FaultTest, DeleteOfTheLastRecord) {
@@ -232,13 +233,7 @@ TEST_F(FaultTest, DeleteOfTheLastRecord) {
   SrvHandle h = Add(7);
   SaveT(h, 9000);
   SaveTemplate();
-  Sweep([&](auto& hs) {
-    OpResult r;
-    r.bDel = true;
-    r.nIP = 7;
-    r.nRet = m_cache.DelCurRecord(hs[7]);
-    return r;
-  });
+  Sweep([&](auto& hs) { return DelOp(hs, 7); });
 }
 
 TEST_F(FaultTest, ReadChangesNothing) {
