@@ -144,7 +144,15 @@ void EntryToBytes(const SrvInfo* pSrv, char* pEntry) {
          strnlen(pSrv->szPassWord, kEntPasswordSize - 1));
 }
 
-void EntryFromBytes(const char* pEntry, SrvInfo* pSrv) {
+// Copies at most nMax characters and zero-fills the rest of the field.
+void CopyField(char* pDst, int32 nFieldSize, const char* szSrc) {
+  memset(pDst, 0, static_cast<size_t>(nFieldSize));
+  if (szSrc != nullptr) memcpy(pDst, szSrc, strnlen(szSrc, static_cast<size_t>(nFieldSize - 1)));
+}
+
+}  // namespace
+
+void DecodeSrvEntry(const char* pEntry, SrvInfo* pSrv) {
   pSrv->nIsIPV4 = static_cast<uint8>(pEntry[kEntIsIpv4Offset]);
   memcpy(&pSrv->nIP, pEntry + kEntAddrOffset, sizeof(pSrv->nIP));
   memcpy(&pSrv->nPort, pEntry + kEntPortOffset, sizeof(pSrv->nPort));
@@ -158,14 +166,6 @@ void EntryFromBytes(const char* pEntry, SrvInfo* pSrv) {
   memcpy(pSrv->szPassWord, pEntry + kEntPasswordOffset, kEntPasswordSize);
   pSrv->szPassWord[kEntPasswordSize - 1] = '\0';
 }
-
-// Copies at most nMax characters and zero-fills the rest of the field.
-void CopyField(char* pDst, int32 nFieldSize, const char* szSrc) {
-  memset(pDst, 0, static_cast<size_t>(nFieldSize));
-  if (szSrc != nullptr) memcpy(pDst, szSrc, strnlen(szSrc, static_cast<size_t>(nFieldSize - 1)));
-}
-
-}  // namespace
 
 CCacheFile::CCacheFile()
     : m_hFile(-1),
@@ -200,6 +200,8 @@ int32 CCacheFile::WriteAt(int64 nOffset, const void* pBuf, int32 nLen) {
 // the cost of saving a 64 KiB record. Moving the first page on its own keeps
 // the header and the first 17 entries in a small folio; the pages behind it
 // follow in folios that grow with their distance from the block start.
+// mutexDisk is held across both pieces, so that no entry write falls between
+// them and is read half-old or overwritten by the stale second piece.
 int32 CCacheFile::ReadSrvInfoBlock(int32 nBlockNo, char* pBlock) {
   const int32 nBlockSize = m_fileBlockInfo.nBlockSize;
   const int64 nOffset = BlockOffset(nBlockNo, nBlockSize);
@@ -667,7 +669,7 @@ int32 CCacheFile::LoadSrvsInfo() {
         LOGC_WRITE(m_cat, LL_ERROR, EC_NO_MEMORY, "alloc memory for srv info failed");
         return EC_NO_MEMORY;
       }
-      EntryFromBytes(pEntry, pSrv);
+      DecodeSrvEntry(pEntry, pSrv);
       bool bDrop = pSrv->nHeadNo == kNoBlock || pSrv->nTailNo == kNoBlock;
       if (!bDrop && !IsQueueInRange(*pSrv)) {
         // Every record operation indexes a block buffer with the stored

@@ -51,6 +51,11 @@ struct SrvInfo {
 
 typedef SrvInfo* SrvHandle;
 
+// Decodes a server entry as a server-info block stores it (231 bytes): the
+// persisted fields only; nBlockNo, nOrderInBlock and the mutex are left as
+// they were.
+void DecodeSrvEntry(const char* pEntry, SrvInfo* pSrv);
+
 // The file header in memory, with the file-wide mutexes.
 struct FileBaseInfo {
   int32 nBlockSize;

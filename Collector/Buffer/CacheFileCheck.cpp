@@ -277,14 +277,7 @@ int32 CChecker::Run(int32 nMaxFileSizeMb, const CacheCheckState* pState) {
     for (int32 i = 0; i < nCount; ++i) {
       const char* p = block.data() + kSibHeaderSize + static_cast<int64>(i) * kEntrySize;
       SrvInfo e{};
-      e.nIsIPV4 = static_cast<uint8>(p[kEntIsIpv4Offset]);
-      memcpy(&e.nIP, p + kEntAddrOffset, 4);
-      memcpy(&e.nPort, p + kEntPortOffset, 2);
-      memcpy(&e.nBlockNumUsed, p + kEntBlockNumUsedOffset, 4);
-      memcpy(&e.nHeadNo, p + kEntHeadNoOffset, 4);
-      memcpy(&e.nTailNo, p + kEntTailNoOffset, 4);
-      memcpy(&e.nReadOffset, p + kEntReadOffsetOffset, 4);
-      memcpy(&e.nWriteOffset, p + kEntWriteOffsetOffset, 4);
+      DecodeSrvEntry(p, &e);
       e.nBlockNo = nBlock;
       e.nOrderInBlock = i + 1;
       vecEntries.push_back(e);
